@@ -1,0 +1,11 @@
+# VARKEL_SANITIZE=address adds AddressSanitizer and UBSan; =thread adds ThreadSanitizer.
+set_property(CACHE VARKEL_SANITIZE PROPERTY STRINGS none address thread)
+if(VARKEL_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(VARKEL_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT VARKEL_SANITIZE STREQUAL "none" AND NOT VARKEL_SANITIZE STREQUAL "OFF" AND NOT VARKEL_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "VARKEL_SANITIZE must be none, address or thread (got '${VARKEL_SANITIZE}')")
+endif()

@@ -1,0 +1,31 @@
+#pragma once
+// The one place that knows how this platform spells sockets. The transports call these
+// instead of the system headers' socket control functions, so a Windows build only
+// replaces net_posix.cpp (start-up/clean-up become WSAStartup/WSACleanup there).
+
+#include <cstdint>
+
+namespace quarn::lidar::net {
+
+using socket_t = int;
+constexpr socket_t kInvalidSocket = -1;
+
+// Network stack start-up and clean-up, paired once per open/close of a transport.
+bool Startup();
+void Cleanup();
+// Start-ups not yet matched by a clean-up, for tests of that pairing.
+int StartupBalance();
+
+int CloseSocket(socket_t s);
+bool SetNonBlocking(socket_t s, bool non_blocking);
+bool SetReceiveTimeoutMs(socket_t s, uint32_t ms);
+bool SetSendTimeoutMs(socket_t s, uint32_t ms);
+
+// The error of the last failed socket call on this thread.
+int LastSocketError();
+// Would-block covers "no data yet" on a non-blocking socket and a socket time-out.
+bool IsWouldBlock(int err);
+bool IsInProgress(int err);
+bool IsInterrupted(int err);
+
+}  // namespace quarn::lidar::net

@@ -1,0 +1,49 @@
+#include "platform/net.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+namespace quarn::lidar::net {
+namespace {
+std::atomic<int> g_startups{0};
+
+bool SetTimeout(socket_t s, int option, uint32_t ms) {
+  timeval tv{};
+  tv.tv_sec = static_cast<time_t>(ms / 1000);
+  tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+  return setsockopt(s, SOL_SOCKET, option, &tv, sizeof(tv)) == 0;
+}
+}  // namespace
+
+bool Startup() {
+  g_startups.fetch_add(1);
+  return true;
+}
+
+void Cleanup() { g_startups.fetch_sub(1); }
+
+int StartupBalance() { return g_startups.load(); }
+
+int CloseSocket(socket_t s) { return ::close(s); }
+
+bool SetNonBlocking(socket_t s, bool non_blocking) {
+  const int flags = fcntl(s, F_GETFL, 0);
+  if (flags < 0) return false;
+  const int wanted = non_blocking ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+  return fcntl(s, F_SETFL, wanted) == 0;
+}
+
+bool SetReceiveTimeoutMs(socket_t s, uint32_t ms) { return SetTimeout(s, SO_RCVTIMEO, ms); }
+bool SetSendTimeoutMs(socket_t s, uint32_t ms) { return SetTimeout(s, SO_SNDTIMEO, ms); }
+
+int LastSocketError() { return errno; }
+bool IsWouldBlock(int err) { return err == EWOULDBLOCK || err == EAGAIN; }
+bool IsInProgress(int err) { return err == EINPROGRESS; }
+bool IsInterrupted(int err) { return err == EINTR; }
+
+}  // namespace quarn::lidar::net
