@@ -1,0 +1,261 @@
+// KTC command path on loopback against a peer that answers at once:
+//   query round trip (median, p99) with the adaptive and the literal drain;
+//   TransferFile of a 4 MiB image (MiB/s), adaptive and literal;
+//   a raw socket ping-pong with the same frame sizes as the floor.
+// Options: --queries N (2000), --literal-queries N (2000), --mib N (4), --literal-mib N (4).
+// The literal drain costs 50 ms per exchange: its full run takes about five minutes.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ktc_client.h"
+
+using namespace quarn::lidar;
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+constexpr size_t kQueryPayload = 4;
+constexpr size_t kReplyPayload = 16;
+
+bool ReadAll(int fd, uint8_t* buf, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    const ssize_t r = ::recv(fd, buf + got, n - got, 0);
+    if (r <= 0) return false;
+    got += static_cast<size_t>(r);
+  }
+  return true;
+}
+
+bool WriteAll(int fd, const uint8_t* buf, size_t n) {
+  size_t done = 0;
+  while (done < n) {
+    const ssize_t r = ::send(fd, buf + done, n - done, MSG_NOSIGNAL);
+    if (r <= 0) return false;
+    done += static_cast<size_t>(r);
+  }
+  return true;
+}
+
+// Version-1 peer: each request frame is answered at once with `reply_payload` bytes.
+class ImmediatePeer {
+ public:
+  explicit ImmediatePeer(size_t reply_payload) : reply_payload_(reply_payload) {
+    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    ::listen(listener_, 4);
+    socklen_t len = sizeof(addr);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~ImmediatePeer() {
+    ::shutdown(listener_, SHUT_RDWR);
+    const int conn = conn_.load();
+    if (conn >= 0) ::shutdown(conn, SHUT_RDWR);
+    thread_.join();
+    ::close(listener_);
+  }
+  uint16_t port() const { return port_; }
+
+ private:
+  void Serve() {
+    const int fd = ::accept(listener_, nullptr, nullptr);
+    if (fd < 0) return;
+    conn_.store(fd);
+    Bytes in(70000);
+    Bytes reply(8 + reply_payload_, 0x5A);
+    reply[0] = 0x47;
+    reply[1] = 0x74;
+    reply[3] = 0;
+    reply[4] = static_cast<uint8_t>(reply_payload_ >> 24);
+    reply[5] = static_cast<uint8_t>(reply_payload_ >> 16);
+    reply[6] = static_cast<uint8_t>(reply_payload_ >> 8);
+    reply[7] = static_cast<uint8_t>(reply_payload_);
+    while (ReadAll(fd, in.data(), 8)) {
+      const uint32_t len = (uint32_t(in[4]) << 24) | (uint32_t(in[5]) << 16) | (uint32_t(in[6]) << 8) | in[7];
+      reply[2] = in[2];
+      if (len > in.size() || !ReadAll(fd, in.data(), len)) break;
+      if (!WriteAll(fd, reply.data(), reply.size())) break;
+    }
+    ::close(fd);
+  }
+
+  size_t reply_payload_;
+  int listener_ = -1;
+  uint16_t port_ = 0;
+  std::atomic<int> conn_{-1};
+  std::thread thread_;
+};
+
+struct Stats {
+  double median_us = 0;
+  double p99_us = 0;
+};
+
+Stats Summarise(std::vector<double> us) {
+  std::sort(us.begin(), us.end());
+  Stats s;
+  if (us.empty()) return s;
+  s.median_us = us[us.size() / 2];
+  s.p99_us = us[std::min(us.size() - 1, static_cast<size_t>(us.size() * 0.99))];
+  return s;
+}
+
+std::unique_ptr<KtcClient> Connect(uint16_t port) {
+  auto client =
+      std::make_unique<KtcClient>("127.0.0.1", port, false, KtcClient::kClientTcp, 1, "", "", "", 4000, 4000, 10.0f);
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (!client->IsOpen() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  if (!client->IsOpen()) {
+    std::fprintf(stderr, "cannot connect to the loopback peer\n");
+    std::exit(1);
+  }
+  return client;
+}
+
+Stats QueryRoundTrips(bool literal, int count) {
+  ImmediatePeer peer(kReplyPayload);
+  auto client = Connect(peer.port());
+  client->SetLiteralDrain(literal);
+  const Bytes payload(kQueryPayload, 0x01);
+  Bytes result;
+  std::vector<double> us;
+  us.reserve(static_cast<size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    const auto start = Clock::now();
+    if (client->QueryCommand(payload, result, 0x07) != 0 || result.size() != kReplyPayload) {
+      std::fprintf(stderr, "query %d failed (last return code %d)\n", i, client->GetLastReturnCode());
+      std::exit(1);
+    }
+    us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  }
+  return Summarise(std::move(us));
+}
+
+Stats RawRoundTrips(int count) {
+  ImmediatePeer peer(kReplyPayload);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(peer.port());
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) std::exit(1);
+  Bytes request = {0x47, 0x74, 0x07, 0, 0, 0, 0, kQueryPayload, 1, 1, 1, 1};
+  Bytes reply(8 + kReplyPayload);
+  std::vector<double> us;
+  for (int i = 0; i < count; ++i) {
+    const auto start = Clock::now();
+    if (!WriteAll(fd, request.data(), request.size()) || !ReadAll(fd, reply.data(), reply.size())) std::exit(1);
+    us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  }
+  ::close(fd);
+  return Summarise(std::move(us));
+}
+
+Bytes Image(size_t bytes) {
+  Bytes image(bytes);
+  uint32_t x = 12345;
+  for (auto& b : image) {
+    x = x * 1103515245u + 12345u;
+    b = static_cast<uint8_t>(x >> 24);
+  }
+  return image;
+}
+
+double TransferMBps(bool literal, size_t bytes) {
+  ImmediatePeer peer(0);
+  auto client = Connect(peer.port());
+  client->SetLiteralDrain(literal);
+  const Bytes image = Image(bytes);
+  std::atomic<uint32_t> progress{0};
+  const auto start = Clock::now();
+  if (client->TransferFile(image, 0x0A, false, progress) != 0) {
+    std::fprintf(stderr, "transfer failed at piece %u\n", progress.load());
+    std::exit(1);
+  }
+  const double s = std::chrono::duration<double>(Clock::now() - start).count();
+  return static_cast<double>(bytes) / (1024.0 * 1024.0) / s;
+}
+
+// The same frames as TransferFile sends, written and acknowledged on a bare socket.
+double RawTransferMBps(size_t bytes) {
+  ImmediatePeer peer(0);
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(peer.port());
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) std::exit(1);
+  Ktc_1_0_parser parser;
+  std::vector<Bytes> pieces;
+  parser.KtcFilestreamSend(Image(bytes), 0x0A, pieces);
+  std::vector<Bytes> frames(pieces.size());
+  for (size_t i = 0; i < pieces.size(); ++i) parser.KtcStreamEncode(pieces[i], frames[i], 0x0A);
+  uint8_t ack[8];
+  const auto start = Clock::now();
+  for (const Bytes& f : frames) {
+    if (!WriteAll(fd, f.data(), f.size()) || !ReadAll(fd, ack, sizeof(ack))) std::exit(1);
+  }
+  const double s = std::chrono::duration<double>(Clock::now() - start).count();
+  ::close(fd);
+  return static_cast<double>(bytes) / (1024.0 * 1024.0) / s;
+}
+
+int Arg(int argc, char** argv, const char* name, int fallback) {
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], name) == 0) return std::atoi(argv[i + 1]);
+  }
+  return fallback;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int queries = Arg(argc, argv, "--queries", 2000);
+  const int literal_queries = Arg(argc, argv, "--literal-queries", 2000);
+  const size_t mib = static_cast<size_t>(Arg(argc, argv, "--mib", 4));
+  const size_t literal_mib = static_cast<size_t>(Arg(argc, argv, "--literal-mib", 4));
+
+  const Stats raw = RawRoundTrips(queries);
+  const Stats adaptive = QueryRoundTrips(false, queries);
+  const Stats literal = QueryRoundTrips(true, literal_queries);
+  std::printf("query round trip (request %zu B, reply %zu B payload)\n", kQueryPayload, kReplyPayload);
+  std::printf("  raw socket floor   n=%-5d median %9.1f us  p99 %9.1f us\n", queries, raw.median_us, raw.p99_us);
+  std::printf("  adaptive drain     n=%-5d median %9.1f us  p99 %9.1f us  median/floor %.2f\n", queries,
+              adaptive.median_us, adaptive.p99_us, adaptive.median_us / raw.median_us);
+  std::printf("  literal drain      n=%-5d median %9.1f us  p99 %9.1f us  median/floor %.2f\n", literal_queries,
+              literal.median_us, literal.p99_us, literal.median_us / raw.median_us);
+  std::printf("  literal/adaptive median ratio %.1f  (target: adaptive median < 1000 us: %s)\n",
+              literal.median_us / adaptive.median_us, adaptive.median_us < 1000.0 ? "met" : "MISSED");
+
+  const double raw_mbps = RawTransferMBps(mib << 20);
+  const double adaptive_mbps = TransferMBps(false, mib << 20);
+  const double literal_mbps = TransferMBps(true, literal_mib << 20);
+  std::printf("TransferFile (1024-byte pieces)\n");
+  std::printf("  raw socket floor   %zu MiB  %8.2f MiB/s\n", mib, raw_mbps);
+  std::printf("  adaptive drain     %zu MiB  %8.2f MiB/s  floor/ours time ratio %.2f\n", mib, adaptive_mbps,
+              raw_mbps / adaptive_mbps);
+  std::printf("  literal drain      %zu MiB  %8.2f MiB/s  floor/ours time ratio %.2f\n", literal_mib, literal_mbps,
+              raw_mbps / literal_mbps);
+  std::printf("  adaptive/literal throughput ratio %.1f  (target: adaptive >= 5 MiB/s: %s)\n",
+              adaptive_mbps / literal_mbps, adaptive_mbps >= 5.0 ? "met" : "MISSED");
+  return 0;
+}

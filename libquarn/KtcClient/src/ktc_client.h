@@ -1,0 +1,113 @@
+#pragma once
+// The KTC command client: one request frame out, the matching reply back, over a TCP or
+// TLS transport made by a background connect thread. Exchanges from any thread are
+// serialised by one command lock.
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client_base.h"
+#include "ktc_parser.h"
+
+namespace quarn::lidar {
+
+// Last return codes of failed exchanges, beside the lidar's own non-zero codes.
+constexpr int kKtcHeaderReadFailed = -2;
+constexpr int kKtcPayloadReadFailed = -3;
+constexpr int kKtcSendFailed = -4;
+
+class KtcClient {
+ public:
+  static constexpr uint32_t kClientTcp = 0;
+  static constexpr uint32_t kClientTls = 1;
+
+  // Starts the connect thread at once; poll IsOpen. An empty lidar_ip makes the thread wait
+  // for SetLidarIp. connect_timeout_s < 0 means retry without end (until Stop).
+  KtcClient(const std::string& lidar_ip, uint16_t lidar_port, bool auto_receive, uint32_t client_type,
+            uint8_t protocol_version, const std::string& cert_path, const std::string& private_key_path,
+            const std::string& ca_path, uint32_t recv_timeout_ms, uint32_t send_timeout_ms, float connect_timeout_s,
+            uint16_t local_port = 0);
+  ~KtcClient();
+  KtcClient(const KtcClient&) = delete;
+  KtcClient& operator=(const KtcClient&) = delete;
+
+  bool IsOpen();
+
+  // One exchange. 0 on success, -1 on failure with the reason in GetLastReturnCode().
+  // On success `result` is the reply payload (header first when with_header).
+  int QueryCommand(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd,
+                   bool with_header = false);
+
+  // Sends a file as 1024-byte pieces, one exchange each; `progress` is the piece being sent.
+  int TransferFile(const std::vector<uint8_t>& data, uint32_t code, bool extended, std::atomic<uint32_t>& progress);
+  // Hexadecimal command text; extended unless exactly 4 characters. Throws
+  // std::invalid_argument / std::out_of_range for a text that is no number. Empties cmd_text.
+  int TransferFileByCmdText(const std::vector<uint8_t>& data, std::string& cmd_text, std::atomic<uint32_t>& progress);
+
+  bool KtcStreamDecode(uint8_t status, uint8_t byte, const std::vector<uint8_t>& in, int32_t offset, int32_t length,
+                       std::vector<uint8_t>& out);
+
+  int GetLastReturnCode() const { return last_return_code_.load(); }
+  // Receives the "SEND: " and "RECV: " lines.
+  void SetLogCallback(std::function<void(const std::string&)> callback);
+  void SetSerialFastBaudRate(uint32_t baud) { serial_fast_baud_rate_.store(baud); }
+  uint32_t GetSerialFastBaudRate() const { return serial_fast_baud_rate_.load(); }
+  uint32_t GetSerialDefaultBaudRate() const { return serial_default_baud_rate_; }
+  // Fills in the address the connect thread waits for when it was constructed without one.
+  void SetLidarIp(const std::string& ip);
+  std::string GetLidarIp() const;
+  // true: the timed 50 ms drain before every exchange instead of the adaptive one.
+  void SetLiteralDrain(bool literal) { literal_drain_.store(literal); }
+  // Ends the connect thread's waiting and retrying and joins it.
+  void Stop();
+
+ private:
+  void TryOpen();
+  std::shared_ptr<ClientBase> Transport() const;
+  void DrainStaleInput(ClientBase& transport);
+  // Runs under the command lock.
+  void ApplyTimeouts(ClientBase& transport, uint32_t receive_ms, uint32_t send_ms);
+  void EmitLog(const std::string& line);
+
+  std::atomic<uint32_t> serial_fast_baud_rate_{3125000};
+  const uint32_t serial_default_baud_rate_ = 115200;
+  std::atomic<bool> running_{true};
+  std::atomic<int> last_return_code_{0};
+  std::mutex command_mutex_;
+  const uint32_t client_type_;
+  const uint8_t protocol_version_;
+  mutable std::mutex transport_mutex_;
+  std::shared_ptr<ClientBase> transport_;
+  std::shared_ptr<KtcParser> parser_;
+  std::thread connect_thread_;
+  mutable std::mutex ip_mutex_;
+  std::string lidar_ip_;
+  const uint16_t lidar_port_;
+  const uint16_t local_port_;
+  const bool auto_receive_;
+  const std::string cert_path_;
+  const std::string private_key_path_;
+  const std::string ca_path_;
+  const uint32_t recv_timeout_ms_;
+  const uint32_t send_timeout_ms_;
+  // Guarded by command_mutex_.
+  uint32_t current_recv_timeout_ms_;
+  uint32_t current_send_timeout_ms_;
+  const float connect_timeout_s_;
+  std::mutex callback_mutex_;
+  std::function<void(const std::string&)> log_callback_;
+
+  std::mutex stop_mutex_;
+  std::atomic<bool> literal_drain_{false};
+  // Set when an exchange failed or was abandoned: the next one waits for late bytes.
+  // Guarded by command_mutex_.
+  bool timed_drain_due_ = false;
+};
+
+}  // namespace quarn::lidar
