@@ -1,0 +1,73 @@
+// varkel-sim: the simulated lidar as a program of its own.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "sim_cli.h"
+#include "virtual_lidar.h"
+
+namespace {
+
+std::string ExecutablePath() {
+  char buf[PATH_MAX];
+  const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+  if (n <= 0) return std::string();
+  buf[n] = '\0';
+  return buf;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace varkel::sim;
+  SimCommandLine cl;
+  std::string error;
+  if (!ParseSimCommandLine(std::vector<std::string>(argv + 1, argv + argc), &cl, &error)) {
+    std::fprintf(stderr, "varkel-sim: %s\n", error.c_str());
+    return 2;
+  }
+  if (cl.help) {
+    std::fputs(SimUsage().c_str(), stdout);
+    return 0;
+  }
+  if (cl.options.config_dir.empty()) cl.options.config_dir = DefaultConfigDir(ExecutablePath());
+
+  // Ctrl-C and TERM are taken by sigwait below; blocked before any thread starts so no
+  // worker thread receives them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  VirtualLidar lidar(cl.options);
+  for (const auto& f : cl.failures) lidar.SetFailure(f.mode, f.cmd, f.param);
+  if (!lidar.Start(&error)) {
+    std::fprintf(stderr, "varkel-sim: %s\n", error.c_str());
+    return 1;
+  }
+  std::printf("varkel-sim: model %s, KTC %d.0 on %s:%u\n", cl.options.model.c_str(), cl.options.ktc_version,
+              cl.options.host.c_str(), static_cast<unsigned>(lidar.port()));
+  if (cl.options.serial) {
+    std::printf("varkel-sim: serial commands (UART) on %s\n", lidar.command_port_path().c_str());
+    std::printf("varkel-sim: serial data (RS485) on %s\n", lidar.data_port_path().c_str());
+  }
+  if (!cl.options.udp_target.empty())
+    std::printf("varkel-sim: %d datagrams/s to %s\n", cl.options.udp_rate, cl.options.udp_target.c_str());
+  for (const auto& f : cl.failures)
+    std::printf("varkel-sim: failure %s for %s\n", FailureModeName(f.mode),
+                f.cmd < 0 ? "every command" : ("command " + std::to_string(f.cmd)).c_str());
+  std::printf("varkel-sim: running; Ctrl-C stops\n");
+  std::fflush(stdout);
+
+  int sig = 0;
+  sigwait(&signals, &sig);
+  std::printf("varkel-sim: stopping\n");
+  lidar.Stop();
+  return 0;
+}

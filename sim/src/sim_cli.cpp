@@ -1,0 +1,159 @@
+#include "sim_cli.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+namespace varkel::sim {
+namespace {
+
+bool IsDir(const std::string& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool ParseInt(const std::string& text, long lo, long hi, long* out) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  const long v = std::strtol(text.c_str(), &end, 0);  // 0x.. for command codes
+  if (*end != '\0' || v < lo || v > hi) return false;
+  *out = v;
+  return true;
+}
+
+std::string Parent(const std::string& p) {
+  const size_t slash = p.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : p.substr(0, slash);
+}
+
+}  // namespace
+
+std::string SimUsage() {
+  std::string modes;
+  for (const auto& m : FailureModeNames()) modes += (modes.empty() ? "" : ", ") + m;
+  return "Usage: varkel-sim --model NAME [options]\n"
+         "A simulated lidar on this computer, for trying Varkel without a sensor.\n"
+         "\n"
+         "  --model NAME          model table to simulate: <config dir>/NAME.csv (default Quenta)\n"
+         "  --config-dir DIR      folder of the model tables (default: Config/varID beside the\n"
+         "                        program's bin folder, else ./Config/varID)\n"
+         "  --host ADDR           address to listen on (default 127.0.0.1)\n"
+         "  --port N              KTC port (default 9347; 0 picks a free one)\n"
+         "  --ktc-version 1|2     KTC frame version (default 1)\n"
+         "  --serial              also open two pseudo-terminals for the serial command protocol\n"
+         "                        (commands and data) and print their paths\n"
+         "  --udp HOST:PORT       send point-cloud-like datagrams there (multicast for 224.x-239.x)\n"
+         "  --rate N              datagrams per second (default 10)\n"
+         "  --serial-stream N     with --serial: N point-cloud packets per second on the data line\n"
+         "  --fail MODE[:CMD[:P]] misbehave for command CMD (all when left out) with parameter P;\n"
+         "                        may be repeated. MODE is one of: " +
+         modes +
+         "\n"
+         "  --verbose             trace every frame in and out in hexadecimal\n"
+         "  --help                this text\n"
+         "\n"
+         "Point Varkel at it: choose the model, address 127.0.0.1 and the port, then Connect.\n"
+         "Stop it with Ctrl-C.\n";
+}
+
+bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* out, std::string* error) {
+  auto need = [&](size_t i, const std::string& opt) {
+    if (i + 1 < args.size()) return true;
+    *error = opt + " needs a value";
+    return false;
+  };
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    long v = 0;
+    if (a == "--help" || a == "-h") {
+      out->help = true;
+    } else if (a == "--model") {
+      if (!need(i, a)) return false;
+      out->options.model = args[++i];
+    } else if (a == "--config-dir") {
+      if (!need(i, a)) return false;
+      out->options.config_dir = args[++i];
+    } else if (a == "--host") {
+      if (!need(i, a)) return false;
+      out->options.host = args[++i];
+    } else if (a == "--port") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 0, 65535, &v)) {
+        *error = "--port wants a number from 0 to 65535, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.port = static_cast<uint16_t>(v);
+    } else if (a == "--ktc-version") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 1, 2, &v)) {
+        *error = "--ktc-version wants 1 or 2, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.ktc_version = static_cast<int>(v);
+    } else if (a == "--serial") {
+      out->options.serial = true;
+    } else if (a == "--udp") {
+      if (!need(i, a)) return false;
+      out->options.udp_target = args[++i];
+    } else if (a == "--rate") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 1, 100000, &v)) {
+        *error = "--rate wants a number of datagrams per second, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.udp_rate = static_cast<int>(v);
+    } else if (a == "--serial-stream") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 0, 10000, &v)) {
+        *error = "--serial-stream wants a number of packets per second, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.serial_stream_rate = static_cast<int>(v);
+    } else if (a == "--fail") {
+      if (!need(i, a)) return false;
+      const std::string fail_arg = args[++i];
+      FailureRequest f;
+      const size_t c1 = fail_arg.find(':');
+      const auto mode = FailureModeFromName(fail_arg.substr(0, c1));
+      if (!mode) {
+        *error = "unknown failure mode \"" + fail_arg.substr(0, c1) + "\" (see --help)";
+        return false;
+      }
+      f.mode = *mode;
+      if (c1 != std::string::npos) {
+        const size_t c2 = fail_arg.find(':', c1 + 1);
+        if (!ParseInt(fail_arg.substr(c1 + 1, c2 == std::string::npos ? std::string::npos : c2 - c1 - 1), 0, 255, &v)) {
+          *error = "bad command in --fail " + fail_arg + " (a number from 0 to 255, such as 0x1A)";
+          return false;
+        }
+        f.cmd = static_cast<int>(v);
+        if (c2 != std::string::npos) {
+          if (!ParseInt(fail_arg.substr(c2 + 1), -1000000, 1000000, &v)) {
+            *error = "bad parameter in --fail " + fail_arg;
+            return false;
+          }
+          f.param = static_cast<int>(v);
+        }
+      }
+      out->failures.push_back(f);
+    } else if (a == "--verbose" || a == "-v") {
+      out->options.verbose = true;
+    } else {
+      *error = "unknown option \"" + a + "\" (see --help)";
+      return false;
+    }
+  }
+  if (!out->options.udp_target.empty() && out->options.udp_rate == 0) out->options.udp_rate = 10;
+  return true;
+}
+
+std::string DefaultConfigDir(const std::string& executable_path) {
+  if (!executable_path.empty()) {
+    const std::string root = Parent(Parent(executable_path));
+    if (IsDir(root + "/Config/varID")) return root + "/Config/varID";
+  }
+  return "./Config/varID";
+}
+
+}  // namespace varkel::sim

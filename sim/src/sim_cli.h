@@ -1,0 +1,31 @@
+#pragma once
+// Command line of varkel-sim.
+
+#include <string>
+#include <vector>
+
+#include "virtual_lidar.h"
+
+namespace varkel::sim {
+
+struct FailureRequest {
+  FailureMode mode = FailureMode::kNone;
+  int cmd = -1;
+  int param = 0;
+};
+
+struct SimCommandLine {
+  SimOptions options;
+  std::vector<FailureRequest> failures;
+  bool help = false;
+};
+
+// false with a message for the user when the arguments make no sense.
+bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* out, std::string* error);
+std::string SimUsage();
+
+// Where the model tables are when --config-dir is not given: <root>/Config/varID when the
+// program sits in <root>/bin and that folder exists, else ./Config/varID.
+std::string DefaultConfigDir(const std::string& executable_path);
+
+}  // namespace varkel::sim

@@ -1,0 +1,152 @@
+#include "small_sensor.h"
+
+#include <algorithm>
+
+namespace varkel::sim {
+namespace {
+
+constexpr uint8_t kOk = 0;
+constexpr uint8_t kRefused = 1;
+
+// Item numbers.
+constexpr uint8_t kItemWake = 0;
+constexpr uint8_t kItemCorrection = 7;
+constexpr uint8_t kItemSingleReturn = 8;
+constexpr uint8_t kItemSafety = 8;
+constexpr uint8_t kItemDualReturn = 9;
+constexpr uint8_t kItemSpinRate = 10;
+constexpr uint8_t kItemSerialNumber = 10;
+constexpr uint8_t kItemStandby = 11;
+constexpr uint8_t kItemImuRange = 11;
+constexpr uint8_t kItemVersion = 15;
+
+constexpr size_t kVersionText = 24;
+constexpr size_t kSerialNumberText = 16;
+
+bool ValidAngularCode(uint8_t c) {
+  return c <= 4 || c == 8;
+}
+
+std::string VersionText(uint8_t which) {
+  switch (which) {
+    case 0:
+      return "BMB-FPGA V1.3.7";
+    case 1:
+      return "TMB-FPGA V1.2.0";
+    case 2:
+      return "BMB-MCU V2.0.5";
+    case 5:
+      return "PBL V1.0.1";
+    default:
+      return std::string();
+  }
+}
+
+}  // namespace
+
+SmallSensor::SmallSensor() {
+  for (int i = 0; i < 64; ++i) s_.correction.push_back(static_cast<uint8_t>(i * 7 + 3));
+}
+
+SmallSensorState SmallSensor::state() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return s_;
+}
+
+void SmallSensor::set_state(const SmallSensorState& s) {
+  std::lock_guard<std::mutex> lock(mu_);
+  s_ = s;
+}
+
+std::vector<uint8_t> SmallSensor::Command(uint8_t cmd, const std::vector<uint8_t>& payload) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (cmd == kGet) return Get(payload);
+  if (cmd == kSet) return Set(payload);
+  return {kRefused};
+}
+
+std::vector<uint8_t> SmallSensor::Set(const std::vector<uint8_t>& p) {
+  if (p.size() < 2) return {p.empty() ? uint8_t{0} : p[0], 0, kRefused};
+  const uint8_t item = p[0];
+  const uint8_t value = p[1];
+  uint8_t status = kOk;
+  switch (item) {
+    case kItemStandby:
+    case kItemWake:
+      s_.mode = item;
+      break;
+    case kItemSpinRate:
+      s_.spin_rate = value;
+      break;
+    case kItemSingleReturn:
+    case kItemDualReturn:
+      s_.return_mode = item;
+      break;
+    default:
+      status = kRefused;
+  }
+  // [item, value, status]: the whole body is 5 bytes with the status last.
+  return {item, value, status};
+}
+
+std::vector<uint8_t> SmallSensor::Get(const std::vector<uint8_t>& p) {
+  if (p.empty()) return {0, kRefused};
+  const uint8_t item = p[0];
+  switch (item) {
+    case kItemCorrection: {
+      // [7, status, N, data[N], 0]: body N + 6 bytes, N at body byte 4.
+      std::vector<uint8_t> r{item, kOk, static_cast<uint8_t>(s_.correction.size())};
+      r.insert(r.end(), s_.correction.begin(), s_.correction.end());
+      r.push_back(0);
+      return r;
+    }
+    case kItemSafety: {
+      // [8, 0xA1, state, fault codes as u16 little-endian...]
+      std::vector<uint8_t> r{item, 0xA1, s_.safety_state};
+      for (uint16_t f : s_.fault_codes) {
+        r.push_back(static_cast<uint8_t>(f));
+        r.push_back(static_cast<uint8_t>(f >> 8));
+      }
+      return r;
+    }
+    case kItemSerialNumber: {
+      // [10, 1, serial number as 16 NUL-padded ASCII bytes]
+      std::vector<uint8_t> r(2 + kSerialNumberText, 0);
+      r[0] = item;
+      r[1] = 1;
+      const std::string sn = s_.serial_number.substr(0, kSerialNumberText);
+      std::copy(sn.begin(), sn.end(), r.begin() + 2);
+      return r;
+    }
+    case kItemImuRange: {
+      // [11, status, angular code, acceleration code]: body exactly 6 bytes.
+      if (p.size() < 3 || !ValidAngularCode(p[1]) || p[2] > 3) return {item, kRefused, 0, 0};
+      s_.imu_angular_code = p[1];
+      s_.imu_accel_code = p[2];
+      return {item, kOk, p[1], p[2]};
+    }
+    case kItemVersion: {
+      // [15, which, text[24], status, 0]: body exactly 30 bytes, text from body byte 4.
+      const uint8_t which = p.size() > 1 ? p[1] : 0;
+      const std::string text = VersionText(which);
+      std::vector<uint8_t> r(2 + kVersionText + 2, 0);
+      r[0] = item;
+      r[1] = which;
+      std::copy(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min(text.size(), kVersionText)),
+                r.begin() + 2);
+      r[2 + kVersionText] = text.empty() ? kRefused : kOk;
+      return r;
+    }
+    default:
+      return {item, kRefused};
+  }
+}
+
+std::vector<uint8_t> SmallSensor::Ota(uint8_t type, uint32_t, uint32_t, const std::vector<uint8_t>&) {
+  std::lock_guard<std::mutex> lock(mu_);
+  ++s_.ota_frames;
+  s_.last_ota_type = type;
+  return {kOk};
+}
+
+}  // namespace varkel::sim

@@ -1,0 +1,573 @@
+#include "virtual_lidar.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+
+#include "command_key.h"
+#include "ktc_wire.h"
+#include "model_table.h"
+#include "platform/net.h"
+#include "point_cloud.h"
+#include "pty_pair.h"
+#include "register_bank.h"
+#include "reply_path.h"
+#include "return_codes.h"
+#include "serial_wire.h"
+#include "udp_emitter.h"
+
+namespace varkel::sim {
+
+namespace net = quarn::lidar::net;
+
+namespace {
+
+constexpr int kPollMs = 100;
+constexpr int kDefaultUdpRate = 10;
+// The small serial sensors' KTC side: 0xFF with 00 01 39 + rate sets the baud rate,
+// 0xFF with 00 01 asks for it.
+constexpr uint8_t kBaudPrefix[] = {0x00, 0x01, 0x39};
+
+// Writes everything to a non-blocking or blocking descriptor, waiting while it is full.
+bool WriteAll(int fd, const std::vector<uint8_t>& bytes, bool socket) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = socket ? ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)
+                             : ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+      pollfd p{fd, POLLOUT, 0};
+      if (::poll(&p, 1, 1000) <= 0) return false;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<uint8_t> CodeBytes(uint32_t code) {
+  std::vector<uint8_t> b(4);
+  WriteU32BE(b.data(), code);
+  return b;
+}
+
+}  // namespace
+
+struct VirtualLidar::Connection {
+  int fd = -1;  // guarded by conn_mu_ once the thread runs
+  std::thread thread;
+  std::atomic<bool> done{false};
+};
+
+struct VirtualLidar::Reply {
+  bool send = true;
+  uint8_t return_code = 0;
+  std::vector<uint8_t> payload;
+  bool close_after = false;
+};
+
+VirtualLidar::VirtualLidar(SimOptions options) : opt_(std::move(options)), path_(std::make_unique<ReplyPath>()) {
+  path_->set_verbose(opt_.verbose);
+}
+
+VirtualLidar::~VirtualLidar() {
+  Stop();
+}
+
+bool VirtualLidar::Start(std::string* error) {
+  if (running_.load()) return true;
+  const std::string dir = opt_.config_dir.empty() ? std::string("Config/varID") : opt_.config_dir;
+  const std::string table = dir + "/" + opt_.model + ".csv";
+  if (!std::ifstream(table).good()) {
+    if (error) *error = "model table not found: " + table;
+    return false;
+  }
+  auto vars = LoadModelTable(table, error);
+  if (!vars) return false;
+  bank_ = std::make_unique<RegisterBank>(std::move(*vars), opt_.model, opt_.live_values);
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    stopping_ = false;
+  }
+  running_.store(true);
+  if (!StartKtc(error) || (opt_.serial && !StartSerial(error))) {
+    Stop();
+    return false;
+  }
+  if (!opt_.udp_target.empty()) {
+    udp_ = std::make_unique<UdpEmitter>(*path_);
+    std::string why;
+    if (!udp_->Start(opt_.udp_target, opt_.udp_rate > 0 ? opt_.udp_rate : kDefaultUdpRate, &why)) {
+      if (error) *error = "UDP emitter: " + why;
+      Stop();
+      return false;
+    }
+  }
+  return true;
+}
+
+bool VirtualLidar::StartKtc(std::string* error) {
+  net::Startup();
+  listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+  auto fail = [&](const std::string& why) {
+    if (error) *error = why;
+    if (listen_fd_ >= 0) net::CloseSocket(listen_fd_);
+    listen_fd_ = -1;
+    net::Cleanup();
+    return false;
+  };
+  if (listen_fd_ < 0) return fail(std::string("socket: ") + std::strerror(errno));
+  // Reuse lets a restarted simulator take its port back from connections in TIME_WAIT;
+  // a port another program listens on still refuses the bind.
+  const int one = 1;
+  setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(opt_.port);
+  if (inet_pton(AF_INET, opt_.host.c_str(), &addr.sin_addr) != 1) return fail("bad host address: " + opt_.host);
+  if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    const int err = errno;
+    if (err == EADDRINUSE) return fail("port " + std::to_string(opt_.port) + " on " + opt_.host + " is already in use");
+    return fail("cannot bind " + opt_.host + ":" + std::to_string(opt_.port) + ": " + std::strerror(err));
+  }
+  if (::listen(listen_fd_, 8) != 0) return fail(std::string("listen: ") + std::strerror(errno));
+  socklen_t len = sizeof(addr);
+  getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+  port_.store(ntohs(addr.sin_port));
+  accept_thread_ = std::thread(&VirtualLidar::AcceptLoop, this);
+  return true;
+}
+
+bool VirtualLidar::StartSerial(std::string* error) {
+  cmd_pty_ = std::make_unique<PtyPair>();
+  data_pty_ = std::make_unique<PtyPair>();
+  std::string why;
+  if (!cmd_pty_->Open(&why) || !data_pty_->Open(&why)) {
+    if (error) *error = "pseudo-terminal: " + why;
+    return false;
+  }
+  serial_thread_ = std::thread(&VirtualLidar::SerialLoop, this);
+  return true;
+}
+
+void VirtualLidar::Stop() {
+  running_.store(false);
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    stopping_ = true;
+  }
+  stop_cv_.notify_all();
+  if (accept_thread_.joinable()) accept_thread_.join();
+  if (listen_fd_ >= 0) {
+    net::CloseSocket(listen_fd_);
+    net::Cleanup();
+    listen_fd_ = -1;
+  }
+  std::vector<std::unique_ptr<Connection>> conns;
+  {
+    std::lock_guard<std::mutex> lock(conn_mu_);
+    for (auto& c : connections_)
+      if (c->fd >= 0) ::shutdown(c->fd, SHUT_RDWR);
+    conns.swap(connections_);
+  }
+  for (auto& c : conns)
+    if (c->thread.joinable()) c->thread.join();
+  if (serial_thread_.joinable()) serial_thread_.join();
+  if (udp_) udp_->Stop();
+  udp_.reset();
+  cmd_pty_.reset();
+  data_pty_.reset();
+}
+
+bool VirtualLidar::Pause(int ms) {
+  std::unique_lock<std::mutex> lock(stop_mu_);
+  if (ms <= 0) return stopping_;
+  return stop_cv_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping_; });
+}
+
+std::string VirtualLidar::command_port_path() const {
+  return cmd_pty_ ? cmd_pty_->path() : std::string();
+}
+std::string VirtualLidar::data_port_path() const {
+  return data_pty_ ? data_pty_->path() : std::string();
+}
+
+void VirtualLidar::AcceptLoop() {
+  while (running_.load()) {
+    pollfd p{listen_fd_, POLLIN, 0};
+    if (::poll(&p, 1, kPollMs) <= 0) continue;
+    const int fd = ::accept(listen_fd_, nullptr, nullptr);
+    if (fd < 0) continue;
+    path_->Note("KTC connection accepted");
+    std::lock_guard<std::mutex> lock(conn_mu_);
+    // Finished connections are reaped here, so a long session does not pile up threads.
+    for (auto it = connections_.begin(); it != connections_.end();) {
+      if ((*it)->done.load()) {
+        (*it)->thread.join();
+        it = connections_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    auto conn = std::make_unique<Connection>();
+    conn->fd = fd;
+    Connection* raw = conn.get();
+    connections_.push_back(std::move(conn));
+    raw->thread = std::thread(&VirtualLidar::Serve, this, raw);
+  }
+}
+
+void VirtualLidar::Serve(Connection* conn) {
+  int fd;
+  {
+    std::lock_guard<std::mutex> lock(conn_mu_);
+    fd = conn->fd;
+  }
+  KtcRequestReader reader(opt_.ktc_version);
+  const int version = opt_.ktc_version == 2 ? 2 : 1;
+  std::vector<uint8_t> buf(4096);
+  bool open = true;
+  auto close_conn = [&](bool reset) {
+    std::lock_guard<std::mutex> lock(conn_mu_);
+    if (reset) {
+      // Linger 0 turns the close into a reset.
+      linger lg{1, 0};
+      setsockopt(conn->fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+    }
+    ::close(conn->fd);
+    conn->fd = -1;
+    open = false;
+  };
+  auto write_fd = [&](const std::vector<uint8_t>& bytes) { return WriteAll(fd, bytes, true); };
+
+  while (open && running_.load()) {
+    pollfd p{fd, POLLIN, 0};
+    const int r = ::poll(&p, 1, kPollMs);
+    if (r == 0 || (r < 0 && errno == EINTR)) continue;
+    const ssize_t n = r > 0 ? ::recv(fd, buf.data(), buf.size(), 0) : -1;
+    if (n <= 0) break;
+    reader.Feed(buf.data(), static_cast<size_t>(n));
+    if (reader.broken()) {
+      path_->Note("KTC request announces an impossible length; connection dropped");
+      break;
+    }
+    while (open) {
+      const size_t noise_before = reader.discarded();
+      auto req = reader.Next();
+      if (reader.discarded() != noise_before)
+        path_->Note("KTC in:  " + std::to_string(reader.discarded() - noise_before) + " bytes before a header skipped");
+      if (!req) break;
+      path_->TraceIn("KTC", req->frame.data(), req->frame.size());
+      Count(*req);
+      Reply reply = Dispatch(*req, conn);
+      FailureSpec failure = FailureFor(req->cmd);
+      bool silent = false;
+      {
+        std::lock_guard<std::mutex> lock(state_mu_);
+        silent = silent_[req->cmd];
+      }
+      if (silent || !reply.send) continue;
+      const auto frame = BuildKtcReply(version, req->cmd, reply.return_code, reply.payload);
+      for (const WriteStep& step : ShapeReply(version, frame, failure.mode, failure.param)) {
+        if (Pause(step.delay_ms)) {
+          open = false;
+          break;
+        }
+        path_->Send("KTC", step.bytes, write_fd);
+        if (step.after != WriteStep::After::kNothing) {
+          close_conn(step.after == WriteStep::After::kReset);
+          break;
+        }
+      }
+      if (open && reply.close_after) close_conn(false);
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    // A transfer whose connection went away is over, and failed.
+    if (transfer_owner_ == conn) {
+      files_.Abandon();
+      transfer_owner_ = nullptr;
+    }
+  }
+  if (open) close_conn(false);
+  conn->done.store(true);
+}
+
+void VirtualLidar::Count(const KtcRequest& req) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  ++counts_[req.cmd];
+  last_payload_[req.cmd] = req.payload;
+  if (req.cmd == kExtendedCommand && req.payload.size() >= 4) {
+    const uint32_t code = ReadU32BE(req.payload.data());
+    ++ext_counts_[code];
+    ext_last_payload_[code].assign(req.payload.begin() + 4, req.payload.end());
+  }
+}
+
+VirtualLidar::FailureSpec VirtualLidar::FailureFor(uint8_t cmd) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = failures_.find(cmd);
+  if (it == failures_.end()) it = failures_.find(-1);
+  return it == failures_.end() ? FailureSpec{} : it->second;
+}
+
+VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connection* conn) {
+  Reply r;
+  const std::vector<uint8_t>& p = req.payload;
+  if (req.cmd == kExtendedCommand) {
+    if (p.size() == 7 && std::equal(kBaudPrefix, kBaudPrefix + 3, p.begin())) {
+      baud_rate_.store(ReadU32BE(p.data() + 3));
+      return r;
+    }
+    if (p.size() == 2 && p[0] == kBaudPrefix[0] && p[1] == kBaudPrefix[1]) {
+      r.payload = CodeBytes(baud_rate_.load());
+      return r;
+    }
+    if (p.size() < 4) {
+      r.return_code = kRcBadPayload;
+      return r;
+    }
+    const uint32_t code = ReadU32BE(p.data());
+    const std::vector<uint8_t> rest(p.begin() + 4, p.end());
+    if (auto inner = ParseWholeV1Frame(rest.data(), rest.size()); inner && inner->cmd == req.cmd)
+      return OnPiece(req.cmd, CodeBytes(code), inner->payload, conn);
+    if (auto a = bank_->Handle(CommandKey{true, code}, rest)) {
+      r.return_code = a->return_code;
+      r.payload = std::move(a->payload);
+      return r;
+    }
+    r.return_code = kRcUnknownCommand;
+    r.payload = CodeBytes(code);
+    return r;
+  }
+  if (auto inner = ParseWholeV1Frame(p.data(), p.size()); inner && inner->cmd == req.cmd)
+    return OnPiece(req.cmd, {}, inner->payload, conn);
+  if (auto fov = FovAnswer(req.cmd, p)) return *fov;
+  const bool probe = req.cmd == 7 || req.cmd == 8;
+  if (auto a = bank_->Handle(CommandKey{false, req.cmd}, p)) {
+    // A table may use 7 or 8 for a read of its own; a probe still gets its plain answer.
+    if (!(probe && a->return_code != 0)) {
+      r.return_code = a->return_code;
+      r.payload = std::move(a->payload);
+      return r;
+    }
+  }
+  // The probes of the connection lifecycle answer with an empty payload.
+  if (probe) return r;
+  r.return_code = kRcUnknownCommand;
+  return r;
+}
+
+std::optional<VirtualLidar::Reply> VirtualLidar::FovAnswer(uint8_t cmd, const std::vector<uint8_t>& p) {
+  // Only a table with the field-of-view variable has a field of view.
+  if ((cmd != FovBlock::kReadCmd && cmd != FovBlock::kWriteCmd) ||
+      !bank_->Knows(CommandKey{false, FovBlock::kReadCmd}) || !bank_->Knows(CommandKey{false, FovBlock::kWriteCmd}))
+    return std::nullopt;
+  Reply r;
+  if (cmd == FovBlock::kReadCmd) {
+    // The channel is the variable's field, at byte 0 of the ordinary get reply.
+    auto a = bank_->Handle(CommandKey{false, FovBlock::kReadCmd}, p);
+    if (!a || a->return_code != 0 || a->payload.empty()) return std::nullopt;
+    r.payload = fov_.Reply(a->payload[0]);
+    return r;
+  }
+  if (!fov_.Write(p)) {
+    r.return_code = kRcBadPayload;
+    return r;
+  }
+  bank_->Handle(CommandKey{false, FovBlock::kWriteCmd}, {p[0]});
+  return r;
+}
+
+VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix,
+                                          const std::vector<uint8_t>& piece, const Connection* conn) {
+  Reply r;
+  r.payload = code_prefix;
+  FileReceiver::Result result;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    result = files_.OnPiece(piece.data(), piece.size());
+    transfer_owner_ = files_.pieces_in_progress() > 0 ? conn : nullptr;
+  }
+  switch (result) {
+    case FileReceiver::Result::kAccepted:
+    case FileReceiver::Result::kCompleted:
+      break;
+    case FileReceiver::Result::kBadCrc:
+      r.return_code = kRcBadCrc;
+      path_->Note("file piece refused: bad CRC");
+      return r;
+    case FileReceiver::Result::kBadNumber:
+    case FileReceiver::Result::kMalformed:
+      r.return_code = kRcBadPiece;
+      path_->Note("file piece refused: out of order or malformed");
+      return r;
+  }
+  const FailureSpec f = FailureFor(cmd);
+  if (f.mode == FailureMode::kDisconnectAfterPieces) {
+    const uint32_t k = ReadU32BE(piece.data() + 4);
+    if (k >= static_cast<uint32_t>(f.param > 0 ? f.param : 1)) r.close_after = true;
+  }
+  return r;
+}
+
+void VirtualLidar::SerialLoop() {
+  SerialRequestReader readers[2];
+  PtyPair* ports[2] = {cmd_pty_.get(), data_pty_.get()};
+  const char* names[2] = {"UART", "RS485"};
+  uint32_t nonce = 0x5EED0001u;
+  const int stream_rate = opt_.serial_stream_rate;
+  const auto start = std::chrono::steady_clock::now();
+  auto next_packet = start;
+  uint32_t seq = 0;
+  std::vector<uint8_t> buf(4096);
+  while (running_.load()) {
+    pollfd p[2] = {{ports[0]->master(), POLLIN, 0}, {ports[1]->master(), POLLIN, 0}};
+    const int r = ::poll(p, 2, stream_rate > 0 ? 10 : kPollMs);
+    for (int i = 0; i < 2 && r > 0; ++i) {
+      if (!(p[i].revents & POLLIN)) continue;
+      const ssize_t n = ::read(ports[i]->master(), buf.data(), buf.size());
+      if (n <= 0) continue;
+      readers[i].Feed(buf.data(), static_cast<size_t>(n));
+      while (auto req = readers[i].Next()) {
+        path_->TraceIn(names[i], req->frame.data(), req->frame.size());
+        std::vector<uint8_t> reply;
+        if (req->ota) {
+          reply = BuildSerialOtaReply(req->cmd, small_.Ota(req->cmd, req->value1, req->value2, req->payload), ++nonce);
+        } else {
+          {
+            std::lock_guard<std::mutex> lock(state_mu_);
+            ++serial_counts_[req->cmd];
+            serial_last_payload_[req->cmd] = req->payload;
+          }
+          reply = BuildSerialCommandReply(req->cmd, small_.Command(req->cmd, req->payload), ++nonce);
+        }
+        // Every reply comes back on the data (RS485) line, as the streamed points do; commands
+        // arrive on the UART line, firmware frames on the data line.
+        const int fd = ports[1]->master();
+        path_->Send(names[1], reply, [fd](const std::vector<uint8_t>& b) { return WriteAll(fd, b, false); });
+      }
+    }
+    // p[i].revents with POLLHUP alone (no program on the line) must not spin the loop.
+    if (r > 0 && !(p[0].revents & POLLIN) && !(p[1].revents & POLLIN)) Pause(kPollMs / 10);
+    if (stream_rate > 0 && std::chrono::steady_clock::now() >= next_packet) {
+      next_packet += std::chrono::microseconds(1000000 / stream_rate);
+      const auto us =
+          std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
+      const int fd = ports[1]->master();
+      // A full line (nobody reading) drops the packet rather than stall the commands.
+      path_->Send("RS485", BuildPointCloudPacket(seq++, static_cast<uint64_t>(us)),
+                  [fd](const std::vector<uint8_t>& b) {
+                    return ::write(fd, b.data(), b.size()) == static_cast<ssize_t>(b.size());
+                  });
+    }
+  }
+}
+
+void VirtualLidar::SetFailure(FailureMode mode, int cmd, int param) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  if (mode == FailureMode::kNone) {
+    failures_.erase(cmd);
+  } else {
+    failures_[cmd] = FailureSpec{mode, param};
+  }
+}
+
+void VirtualLidar::ClearFailures() {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  failures_.clear();
+}
+
+void VirtualLidar::SetSilent(uint8_t cmd, bool silent) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  silent_[cmd] = silent;
+}
+
+void VirtualLidar::SetLinkLost(bool lost) {
+  path_->set_link_lost(lost);
+}
+
+uint64_t VirtualLidar::CommandCount(uint8_t cmd) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = counts_.find(cmd);
+  return it == counts_.end() ? 0 : it->second;
+}
+
+std::vector<uint8_t> VirtualLidar::LastPayload(uint8_t cmd) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = last_payload_.find(cmd);
+  return it == last_payload_.end() ? std::vector<uint8_t>() : it->second;
+}
+
+uint64_t VirtualLidar::ExtendedCount(uint32_t code) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = ext_counts_.find(code);
+  return it == ext_counts_.end() ? 0 : it->second;
+}
+
+std::vector<uint8_t> VirtualLidar::LastExtendedPayload(uint32_t code) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = ext_last_payload_.find(code);
+  return it == ext_last_payload_.end() ? std::vector<uint8_t>() : it->second;
+}
+
+uint64_t VirtualLidar::SerialCommandCount(uint8_t cmd) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = serial_counts_.find(cmd);
+  return it == serial_counts_.end() ? 0 : it->second;
+}
+
+std::vector<uint8_t> VirtualLidar::LastSerialPayload(uint8_t cmd) const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  auto it = serial_last_payload_.find(cmd);
+  return it == serial_last_payload_.end() ? std::vector<uint8_t>() : it->second;
+}
+
+void VirtualLidar::ResetCounters() {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  counts_.clear();
+  last_payload_.clear();
+  ext_counts_.clear();
+  ext_last_payload_.clear();
+  serial_counts_.clear();
+  serial_last_payload_.clear();
+}
+
+std::string VirtualLidar::Value(const std::string& var_name_or_id) const {
+  if (!bank_) return std::string();
+  return bank_->Value(var_name_or_id).value_or(std::string());
+}
+
+bool VirtualLidar::SetValue(const std::string& var_name_or_id, const std::string& text) {
+  return bank_ && bank_->SetValue(var_name_or_id, text);
+}
+
+std::vector<std::string> VirtualLidar::VariableIds() const {
+  return bank_ ? bank_->VariableIds() : std::vector<std::string>();
+}
+
+std::optional<VirtualLidar::Transfer> VirtualLidar::LastTransfer() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return files_.last();
+}
+
+SmallSensorState VirtualLidar::SmallSensor() const {
+  return small_.state();
+}
+void VirtualLidar::SetSmallSensor(const SmallSensorState& state) {
+  small_.set_state(state);
+}
+uint64_t VirtualLidar::DatagramsSent() const {
+  return udp_ ? udp_->sent() : 0;
+}
+
+}  // namespace varkel::sim

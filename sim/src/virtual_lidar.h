@@ -1,0 +1,171 @@
+#pragma once
+// varkel-sim as a library: a simulated lidar on loopback, seeded from a model table.
+// Tests start it in-process on an ephemeral port; the executable wraps it.
+//
+// It serves KTC over TCP (frame version 1 or 2) from a register bank built from the
+// model table, the probes 7 and 8, extended commands (0xFF + 4-byte code), file
+// transfers, the baud-rate command of the small serial sensors and, in serial mode, the
+// "$LDCMD,"/"$LDOTA," protocol on two pseudo-terminals. An optional emitter sends
+// point-cloud-like datagrams. docs/virtual-lidar.md describes what it answers.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "failure_mode.h"
+#include "file_receiver.h"
+#include "fov_block.h"
+#include "small_sensor.h"
+
+namespace varkel::sim {
+
+struct SimOptions {
+  std::string model = "Quenta";
+  std::string config_dir;  // folder holding <model>.csv
+  std::string host = "127.0.0.1";
+  uint16_t port = 9347;  // 0 = ephemeral
+  int ktc_version = 1;
+  bool serial = false;
+  std::string udp_target;  // HOST:PORT, empty = off
+  int udp_rate = 0;        // datagrams per second; 0 with a target = 10
+  bool verbose = false;
+  // Point-cloud packets per second on the serial data line (0 = none). They share the
+  // line with the command replies, so a program reading replies must expect them.
+  int serial_stream_rate = 0;
+  // Run times count up and temperatures drift; tests that compare exact texts turn it off.
+  bool live_values = true;
+};
+
+class RegisterBank;
+class ReplyPath;
+class UdpEmitter;
+class PtyPair;
+struct KtcRequest;
+
+class VirtualLidar {
+ public:
+  using Transfer = TransferRecord;
+
+  explicit VirtualLidar(SimOptions options);
+  ~VirtualLidar();
+  VirtualLidar(const VirtualLidar&) = delete;
+  VirtualLidar& operator=(const VirtualLidar&) = delete;
+
+  // Loads the table and opens everything; false with a readable reason.
+  bool Start(std::string* error);
+  void Stop();
+
+  uint16_t port() const { return port_.load(); }
+  // Pseudo-terminal paths in serial mode: UART commands and RS485 data ("" otherwise).
+  std::string command_port_path() const;
+  std::string data_port_path() const;
+
+  // cmd -1 = every command. A mode set for one command wins over the every-command one.
+  void SetFailure(FailureMode mode, int cmd = -1, int param = 0);
+  void ClearFailures();
+  // A silent command is counted but never answered (meant for the probes 7 and 8).
+  void SetSilent(uint8_t cmd, bool silent);
+  // Nothing leaves the sensor while the link is lost: no reply, no datagram, no serial byte.
+  void SetLinkLost(bool lost);
+
+  // What arrived: KTC requests by command byte (payload whole), extended ones by code
+  // (payload after the code), serial command frames by command code.
+  uint64_t CommandCount(uint8_t cmd) const;
+  std::vector<uint8_t> LastPayload(uint8_t cmd) const;
+  uint64_t ExtendedCount(uint32_t code) const;
+  std::vector<uint8_t> LastExtendedPayload(uint32_t code) const;
+  uint64_t SerialCommandCount(uint8_t cmd) const;
+  std::vector<uint8_t> LastSerialPayload(uint8_t cmd) const;
+  void ResetCounters();
+
+  // The text the program shows for a variable, by var_id or name ("" when unknown).
+  std::string Value(const std::string& var_name_or_id) const;
+  bool SetValue(const std::string& var_name_or_id, const std::string& text);
+  std::vector<std::string> VariableIds() const;
+
+  std::optional<Transfer> LastTransfer() const;
+  uint32_t BaudRate() const { return baud_rate_.load(); }
+
+  // The field of view behind 0x23/0x22, in hundredths of a degree (start 0, end 36000).
+  void SetFov(const FovBlock::Angles& start, const FovBlock::Angles& end) { fov_.Set(start, end); }
+  FovBlock::Angles FovStart() const { return fov_.Start(); }
+  FovBlock::Angles FovEnd() const { return fov_.End(); }
+
+  SmallSensorState SmallSensor() const;
+  void SetSmallSensor(const SmallSensorState& state);
+  uint64_t DatagramsSent() const;
+
+  static constexpr uint32_t kDefaultBaudRate = 115200;
+
+ private:
+  struct Connection;
+  struct Reply;
+  struct FailureSpec {
+    FailureMode mode = FailureMode::kNone;
+    int param = 0;
+  };
+
+  bool StartKtc(std::string* error);
+  bool StartSerial(std::string* error);
+  void AcceptLoop();
+  void Serve(Connection* conn);
+  Reply Dispatch(const KtcRequest& req, const Connection* conn);
+  Reply OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix, const std::vector<uint8_t>& piece,
+                const Connection* conn);
+  // The answer to a field-of-view read or write; nullopt for other commands.
+  std::optional<Reply> FovAnswer(uint8_t cmd, const std::vector<uint8_t>& payload);
+  FailureSpec FailureFor(uint8_t cmd) const;
+  void Count(const KtcRequest& req);
+  void SerialLoop();
+  // Waits ms or until Stop; true when stopping.
+  bool Pause(int ms);
+
+  SimOptions opt_;
+  std::unique_ptr<ReplyPath> path_;
+  std::unique_ptr<RegisterBank> bank_;
+  std::unique_ptr<UdpEmitter> udp_;
+  std::unique_ptr<PtyPair> cmd_pty_;
+  std::unique_ptr<PtyPair> data_pty_;
+  varkel::sim::SmallSensor small_;
+  FovBlock fov_;
+
+  std::atomic<bool> running_{false};
+  std::atomic<uint16_t> port_{0};
+  std::atomic<uint32_t> baud_rate_{kDefaultBaudRate};
+  int listen_fd_ = -1;
+  std::thread accept_thread_;
+  std::thread serial_thread_;
+
+  // Keeps apart the accept thread (adds connections), the connection threads (close their
+  // own socket) and Stop (shuts the sockets down and joins the threads).
+  std::mutex conn_mu_;
+  std::vector<std::unique_ptr<Connection>> connections_;
+
+  // Keeps apart the connection and serial threads (counting, reading failure modes,
+  // receiving file pieces) and the embedding thread (setting modes, reading counters).
+  mutable std::mutex state_mu_;
+  std::map<int, FailureSpec> failures_;
+  std::map<uint8_t, bool> silent_;
+  std::map<uint8_t, uint64_t> counts_;
+  std::map<uint8_t, std::vector<uint8_t>> last_payload_;
+  std::map<uint32_t, uint64_t> ext_counts_;
+  std::map<uint32_t, std::vector<uint8_t>> ext_last_payload_;
+  std::map<uint8_t, uint64_t> serial_counts_;
+  std::map<uint8_t, std::vector<uint8_t>> serial_last_payload_;
+  FileReceiver files_;
+  const Connection* transfer_owner_ = nullptr;
+
+  // Lets Pause() in the connection threads wake at once when Stop is called.
+  std::mutex stop_mu_;
+  std::condition_variable stop_cv_;
+  bool stopping_ = false;
+};
+
+}  // namespace varkel::sim
