@@ -1,0 +1,17 @@
+# The controller the user interface talks to: the only Qt-aware layer below the UI.
+find_package(Qt5 5.15 REQUIRED COMPONENTS Core)
+
+add_library(VarkelCore STATIC
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager.h
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_model.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_connection.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_reading.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_writing.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_range.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/manager_catalogue.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/value_text.cpp)
+set_target_properties(VarkelCore PROPERTIES AUTOMOC ON)
+target_include_directories(VarkelCore PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
+target_link_libraries(VarkelCore PUBLIC Qt5::Core varkel_config quarn_ktc quarn_source log_lib)
+varkel_warnings(VarkelCore)

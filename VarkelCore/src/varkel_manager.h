@@ -1,0 +1,320 @@
+#pragma once
+// The one controller the user interface talks to: connection settings, the connection to
+// the lidar, the variable table of the selected model and everything the pages show.
+//
+// Threads: invokables and property reads run on the UI thread; connect workers and the
+// page-refresh thread write the controller and emit its signals from their own threads.
+// Flags are atomic, texts sit behind small locks, the client handles are swapped under a
+// lock and used through copies, and the value texts of the table are guarded by one
+// lock shared by every reader and writer. The destructor ends and joins every thread the
+// controller started.
+
+#include <QObject>
+#include <QString>
+#include <QVariantList>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct VarInfo;
+
+namespace quarn::lidar {
+class KtcClient;
+class SerialClient;
+class SerialSource;
+}  // namespace quarn::lidar
+
+namespace varkel {
+struct ManagerCatalogue;
+}
+
+class VarkelManager : public QObject {
+  Q_OBJECT
+
+  Q_PROPERTY(QVariantList myMap READ getMyMap NOTIFY myMapChanged)
+  Q_PROPERTY(QString ip_address READ getIpAddress WRITE setIpAddress NOTIFY initInfoChanged)
+  Q_PROPERTY(QString udpPort READ getUdpPort WRITE setUdpPort NOTIFY initInfoChanged)
+  Q_PROPERTY(QString port READ getPort WRITE setPort NOTIFY initInfoChanged)
+  Q_PROPERTY(QString serial_port_485 READ getSerialPort485 WRITE setSerialPort485 NOTIFY initInfoChanged)
+  Q_PROPERTY(QString serial_port_232 READ getSerialPort232 WRITE setSerialPort232 NOTIFY initInfoChanged)
+  Q_PROPERTY(QString baud_rate READ getBaudRate WRITE setBaudRate NOTIFY initInfoChanged)
+  Q_PROPERTY(QString errorMessage READ getErrorMessage NOTIFY errorMessageChanged)
+  Q_PROPERTY(QString successMessage READ getSuccessMessage NOTIFY successMessageChanged)
+  Q_PROPERTY(QString SendKtcCommandReturnHeader READ commandReturnHeader NOTIFY sendCommandHistoryChanged)
+  Q_PROPERTY(QString SendKtcCommandReturnPayload READ commandReturnPayload NOTIFY sendCommandHistoryChanged)
+  Q_PROPERTY(int CommandLogCnt READ getCommandLogCnt NOTIFY sendCommandHistoryChanged)
+  Q_PROPERTY(QVariantList SendCommandHistory READ getSendCommandHistory NOTIFY sendCommandHistoryChanged)
+  Q_PROPERTY(bool IsConnected READ getIsConnected NOTIFY isConnectedChanged)
+  Q_PROPERTY(QVariantList FovList READ getFovList NOTIFY fovConfigChanged)
+  Q_PROPERTY(bool IsUpgrading READ getIsUpgrading NOTIFY isUpgradingChanged)
+  Q_PROPERTY(bool IsDownloadLog READ getIsDownloadLog WRITE setIsDownloadLog NOTIFY isDownloadLogChanged)
+  Q_PROPERTY(QVariantList LidarModelList READ getLidarModelList NOTIFY lidarModelListChanged)
+  Q_PROPERTY(int upgradeProgress READ getUpgradeProgress)
+  Q_PROPERTY(int upgradeProgressTotalLen READ getUpgradeProgressTotalLen)
+  Q_PROPERTY(int connectType READ getConnectType NOTIFY connectTypeChanged)
+  Q_PROPERTY(QVariantList level1List READ getLevel1List NOTIFY lidarModelChanged)
+  Q_PROPERTY(QVariantList level2List READ getLevel2List NOTIFY lidarModelChanged)
+  Q_PROPERTY(QVariantList ZeltoLidarInfo READ getZeltoLidarInfo NOTIFY zeltoLidarInfoChanged)
+  Q_PROPERTY(QVariantList ZeltoLidarVersionInfo READ getZeltoLidarVersionInfo NOTIFY zeltoLidarInfoChanged)
+  Q_PROPERTY(bool isGetPBLVersion READ getIsGetPBLVersion NOTIFY isGetPBLVersionChanged)
+  Q_PROPERTY(QVariantList logRepeaterModel READ getLogRepeaterModel NOTIFY lidarModelChanged)
+
+ public:
+  // Created on the first call, once per process; later calls return the same object and
+  // ignore their arguments. The caller (the main window) owns and deletes it.
+  static VarkelManager* GetInstance(bool flag, const QString& config_path);
+
+  ~VarkelManager() override;
+  VarkelManager(const VarkelManager&) = delete;
+  VarkelManager& operator=(const VarkelManager&) = delete;
+
+  // The connection settings file: documents folder + "/VelmoraDataFiles/RecvSettings.ini".
+  static QString SettingsFilePath();
+
+  // Called by the main window with the model given on the command line.
+  void SetVMNowName(QString name);
+
+  // Property accessors.
+  QVariantList getMyMap();
+  QString getIpAddress() const;
+  void setIpAddress(const QString& text);
+  QString getUdpPort() const;
+  // Throws std::invalid_argument("invalid stoi argument") or
+  // std::out_of_range("stoi argument out of range"); the value then stays.
+  void setUdpPort(const QString& text);
+  QString getPort() const;
+  void setPort(const QString& text);
+  QString getSerialPort485() const;
+  void setSerialPort485(const QString& text);
+  QString getSerialPort232() const;
+  void setSerialPort232(const QString& text);
+  QString getBaudRate() const;
+  void setBaudRate(const QString& text);
+  QString getErrorMessage() const;
+  QString getSuccessMessage() const;
+  QString commandReturnHeader() const;
+  QString commandReturnPayload() const;
+  int getCommandLogCnt() const;
+  QVariantList getSendCommandHistory() const;
+  bool getIsConnected() const { return is_connected_.load(); }
+  QVariantList getFovList() const;
+  bool getIsUpgrading() const { return is_upgrading_.load(); }
+  bool getIsDownloadLog() const { return is_download_log_.load(); }
+  void setIsDownloadLog(bool value);
+  QVariantList getLidarModelList() const;
+  int getUpgradeProgress() const { return upgrade_progress_.load(); }
+  int getUpgradeProgressTotalLen() const { return upgrade_progress_total_len_.load(); }
+  int getConnectType() const { return connect_type_.load(); }
+  QVariantList getLevel1List() const;
+  QVariantList getLevel2List() const;
+  QVariantList getZeltoLidarInfo() const;
+  QVariantList getZeltoLidarVersionInfo() const;
+  bool getIsGetPBLVersion() const { return is_get_pbl_version_.load(); }
+  QVariantList getLogRepeaterModel() const;
+
+  // Invokables, in the order the meta-object keeps them.
+  Q_INVOKABLE void InitConfigFileParser(QString model_name = "Quenta");
+  Q_INVOKABLE bool ConnectLidar();
+  Q_INVOKABLE bool CheckLidarConnection();
+  // Writes the pending set commands of page `module`; the outcome arrives as messages.
+  Q_INVOKABLE void Run(int module);
+  Q_INVOKABLE void Stop();
+  // Records one edit: type 1 the variable's value, 2 its switch's value, 3 an option index.
+  Q_INVOKABLE void SetText(int type, int level1, int level2, int level3, QString text);
+  Q_INVOKABLE void ClearSetMap();
+  Q_INVOKABLE int getSetMapSize();
+  Q_INVOKABLE void StartGetConfigFile();
+  // Console, restart/reset, upgrades and log downloads come here.
+  Q_INVOKABLE void GetLidarModuleInfo(int module);
+  Q_INVOKABLE bool UpdateSingleVarInfo(QString qs_var_info, QString search_type = "var_name");
+  Q_INVOKABLE bool CheckVarIsWithinRange(QString qs_var_info, QString search_type = "var_name");
+  Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
+  // Stores FOV value `index` (0-9) and marks "0x22" pending.
+  Q_INVOKABLE void SetMultiFovConfig(int index, QString fov);
+  Q_INVOKABLE void UpdateUI();
+  Q_INVOKABLE void setErrorMsg(QString str);
+  Q_INVOKABLE void setSuccessMsg(QString str);
+  Q_INVOKABLE void SetLogBytesFlowStatus(bool flag);
+  Q_INVOKABLE bool GetIsConnectingLidar();
+  Q_INVOKABLE bool CheckVarExistsInConfigFileByName(QString qs_var_info);
+  Q_INVOKABLE QString getLidarSN();
+  Q_INVOKABLE QString getLidarPN();
+  Q_INVOKABLE void setModuleIndexUse(int index);
+  // The small serial lidars' functions come here.
+  Q_INVOKABLE QString getVMNowName();
+  Q_INVOKABLE bool isTimerUpdate(int i, int j, int k);
+
+ signals:
+  void isConnectedChanged();
+  void lidarModelChanged();
+  void lidarClearModel();
+  void lidarShowModel();
+  void myMapChanged();
+  void fovConfigChanged();
+  void isUpgradingChanged();
+  void sendCommandHistoryChanged();
+  void errorMessageChanged();
+  void successMessageChanged();
+  void isDownloadLogChanged();
+  void lidarModelListChanged();
+  // Never emitted; declared so that the window's connection to it stays valid.
+  void isResetAllSettingsVisibleChanged();
+  void sendLogMessage(QString msg, QString type);
+  void downloadFinished();
+  void downloadOperationLogFinished(bool result);
+  void someVarOutOfRange(QString var_name);
+  void connectTypeChanged();
+  void zeltoLidarInfoChanged();
+  void isGetPBLVersionChanged();
+  void initInfoChanged();
+  void myTimerMapChanged();
+
+ protected:
+  // Only GetInstance makes the program's controller; tests derive to make their own.
+  VarkelManager(bool flag, const QString& config_path);
+
+  // A variable of the loaded table by "var_id"/"id" or "var_name"/"name"; null otherwise.
+  VarInfo* searchVarPtr(const std::string& key, const std::string& search_type);
+
+  // Connect workers, one per connection type; each runs on its own thread.
+  void Init();
+  void InitKtcForSerial();
+  bool InitSerial();
+
+  // Reads one variable; true when its value text was refreshed.
+  bool GetInfoFromLidar(VarInfo* var);
+  // Reads a group of variables sharing one get command and payload with one query;
+  // `fov_read` sends a 0x23 group through the multi-FOV read (fills FovList), otherwise
+  // 0x23 is an ordinary get; `timer_round` marks a refresh round. Returns the number of
+  // values refreshed (a value with a pending edit counts as fresh and is kept,
+  // see StoreReadValue), or -1
+  // when the query failed. Throws std::invalid_argument for a malformed group.
+  int GetInfoFromLidarWithSameCmd(const std::vector<VarInfo*>& vars, bool fov_read, bool timer_round = false);
+  // The refresh thread's body: one round every 100 ms while the page-timer flag is set.
+  void updatePagesTimer();
+  // Cuts `var` out of `output` (the reply to `cmd`) and stores its text. True when stored.
+  // `timer_round` reports a given variable's cutting fault to the log pane only once.
+  bool updateSingleVarFromOutput(VarInfo* var, const std::string& cmd, const std::vector<uint8_t>& output,
+                                 std::vector<uint8_t>& slice, bool timer_round);
+
+  std::shared_ptr<quarn::lidar::KtcClient> KtcClientHandle() const;
+  // Set by the upgrade for its whole run; emits isUpgradingChanged on a change.
+  void SetUpgrading(bool value);
+
+ private:
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+
+  void ReadSettings();
+  void WriteSettings();
+  // One query for `vars` (same command and payload), then each cut out of the reply.
+  int QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round);
+  // The 0x23 group through the multi-FOV read. Same result as QueryAndCut.
+  int ReadFov(const std::vector<VarInfo*>& vars);
+  // Marks `var`'s set command pending with `text` as its edited value, unless unchanged.
+  void RecordEdit(VarInfo* var, const std::string& text);
+  // Stores a value read from the lidar unless the user's edit of `var` is pending.
+  void StoreReadValue(VarInfo* var, const std::string& text);
+  // Run's body once the guards passed; throws with the reason of a failed write.
+  void WriteModule(int module);
+  std::shared_ptr<const varkel::ManagerCatalogue> Catalogue() const;
+  void SetCatalogue(std::shared_ptr<const varkel::ManagerCatalogue> catalogue);
+  void SetKtcClient(std::shared_ptr<quarn::lidar::KtcClient> client);
+  void InstallKtcLogCallback(quarn::lidar::KtcClient& client);
+  void OnClientLog(const std::string& line);
+  // Probe with commands 7 then 8, without byte log. True when either answered.
+  bool ProbeLidar(quarn::lidar::KtcClient& client);
+  void StartPageTimerThread();
+  void StopPageTimerThread();
+  void SetSnValuesUnknown();
+  void ClearPendingWrites();
+  // Runs `body` on a thread that the destructor joins; finished ones are reaped here.
+  void StartWorker(std::function<void()> body);
+  void JoinWorkers();
+  void Trace(const char* operation, const std::string& text) const;
+  void StoreValue(VarInfo* var, const std::string& text);
+  std::string ValueOf(const VarInfo* var) const;
+
+  // Page (module) last announced by the UI.
+  std::atomic<int> module_index_use_{0};
+  std::atomic<bool> page_timer_flag_{false};
+  std::mutex page_timer_thread_mutex_;
+  std::thread page_timer_thread_;
+  std::mutex page_timer_wait_mutex_;
+  std::condition_variable page_timer_wait_;
+
+  // Pending writes, guarded by fields_mutex_. set_map_: set command text -> pending.
+  // edited_values_: var_id -> the text the user entered. Reads never overwrite a value
+  // listed there, so the refresh before a write brings the untouched fields of a set
+  // payload up to date and leaves the user's edits alone. Both are cleared together.
+  std::map<std::string, bool> set_map_;
+  std::map<std::string, std::string> edited_values_;
+  std::atomic<bool> is_get_pbl_version_{false};
+  const bool creation_flag_;
+  const std::string config_file_path_;
+
+  mutable std::mutex clients_mutex_;
+  std::shared_ptr<quarn::lidar::KtcClient> ktc_client_;
+  std::shared_ptr<quarn::lidar::SerialClient> serial_client_;
+  std::shared_ptr<quarn::lidar::SerialSource> serial_source_485_;
+  std::shared_ptr<quarn::lidar::SerialSource> serial_source_232_;
+
+  mutable std::mutex catalogue_mutex_;
+  std::shared_ptr<const varkel::ManagerCatalogue> catalogue_;
+  // Guards the value texts (and the other fields a read may touch) of every table record.
+  mutable std::mutex values_mutex_;
+  std::atomic<uint64_t> values_version_{1};
+  // The page maps as last built, guarded by values_mutex_.
+  QVariantList my_map_cache_;
+  uint64_t my_map_cache_version_ = 0;
+
+  // Texts and small tables, guarded by fields_mutex_.
+  mutable std::mutex fields_mutex_;
+  std::string ip_address_ = "192.168.1.201";
+  std::string port_ = "9347";
+  std::string send_ktc_command_return_header_;
+  std::string send_ktc_command_return_payload_;
+  std::string serial_port_485_ = "/dev/ttyUSB0";
+  std::string serial_port_232_ = "/dev/ttyUSB1";
+  struct CommandRecord {
+    std::string record_time;
+    std::string send_cmd_history;
+    std::string send_payload_history;
+  };
+  std::vector<CommandRecord> command_history_;  // newest first
+  std::string vm_now_name_;
+  std::array<float, 10> fov_{0, 0, 0, 0, 0, 360, 360, 360, 360, 360};
+  std::string error_message_;
+  std::string success_message_;
+  std::map<std::string, std::string> small_lidar_map_;
+  std::array<std::string, 4> small_lidar_texts_{"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"};
+
+  std::atomic<int> baud_rate_{3000000};
+  const int serial_command_baud_rate_ = 115200;
+  const int serial_uart_baud_rate_ = 9600;
+  std::atomic<uint16_t> udp_port_{2368};
+  std::atomic<bool> is_connected_{false};
+  std::atomic<bool> connecting_{false};
+  std::atomic<bool> is_upgrading_{false};
+  std::atomic<bool> is_download_log_{false};
+  std::atomic<int> upgrade_progress_{0};
+  std::atomic<int> upgrade_progress_total_len_{1};
+  std::atomic<bool> log_bytes_flow_{false};
+  std::atomic<int> connect_type_{0};
+
+  // Set by the destructor: connect workers give up instead of starting a refresh thread.
+  std::atomic<bool> closing_{false};
+  std::mutex workers_mutex_;
+  std::vector<Worker> workers_;
+};

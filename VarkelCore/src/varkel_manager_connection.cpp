@@ -1,0 +1,302 @@
+// Connecting and disconnecting, by the three connection types, and the connection check.
+
+#include <QString>
+
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+#include <thread>
+
+#include "ktc_client.h"
+#include "number_text.h"
+#include "serial_client.h"
+#include "serial_source.h"
+#include "varkel_manager.h"
+
+using quarn::lidar::KtcClient;
+using quarn::lidar::SerialClient;
+using quarn::lidar::SerialSource;
+
+namespace {
+
+constexpr auto kOpenCheckDelay = std::chrono::milliseconds(200);
+constexpr uint8_t kProbeCmd = 7;
+constexpr uint8_t kProbeFallbackCmd = 8;
+constexpr uint8_t kSubCommandCmd = 0xFF;
+const char kNetworkFailure[] = "Connection Failed. Please check your network settings.";
+
+void Print(const char* text) {
+  std::fputs(text, stdout);
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+bool VarkelManager::ConnectLidar() {
+  if (connecting_.load()) return false;
+  // The worker sets the connecting flag itself; the window's own check keeps a second
+  // press from starting a second attempt.
+  switch (connect_type_.load()) {
+    case 0:
+      StartWorker([this] { Init(); });
+      break;
+    case 1:
+      StartWorker([this] { InitSerial(); });
+      break;
+    case 2:
+      StartWorker([this] { InitKtcForSerial(); });
+      break;
+    default:
+      return false;
+  }
+  WriteSettings();
+  return true;
+}
+
+void VarkelManager::InstallKtcLogCallback(KtcClient& client) {
+  client.SetLogCallback([this](const std::string& line) { OnClientLog(line); });
+}
+
+void VarkelManager::OnClientLog(const std::string& line) {
+  // The "SEND: "/"RECV: " byte flow goes to the log pane only while the user asks for it.
+  if (log_bytes_flow_.load()) emit sendLogMessage(QString::fromStdString(line), "BYTES");
+}
+
+bool VarkelManager::ProbeLidar(KtcClient& client) {
+  const bool log_bytes = log_bytes_flow_.exchange(false);
+  std::vector<uint8_t> reply;
+  bool answered =
+      client.QueryCommand({}, reply, kProbeCmd) == 0 || client.QueryCommand({}, reply, kProbeFallbackCmd) == 0;
+  log_bytes_flow_.store(log_bytes);
+  return answered;
+}
+
+void VarkelManager::Init() {
+  try {
+    connecting_.store(true);
+    SetKtcClient(nullptr);
+    is_connected_.store(false);
+    Trace("Init", "try to connect to lidar with TCP connection.\n");
+    std::string ip, port_text;
+    {
+      std::lock_guard<std::mutex> lock(fields_mutex_);
+      ip = ip_address_;
+      port_text = port_;
+    }
+    const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
+    auto client =
+        std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", 4000, 4000, 0.0f, 0);
+    SetKtcClient(client);
+    // The lidar must accept within this time; there is no second chance, deliberately.
+    std::this_thread::sleep_for(kOpenCheckDelay);
+    if (!client->IsOpen()) throw std::runtime_error("TCP connection failed.");
+    InstallKtcLogCallback(*client);
+    if (!ProbeLidar(*client)) {
+      Print("DEBUG: heckLidarConnection() == false\n");
+      throw std::runtime_error("Lidar has No KTC reply.");
+    }
+    if (closing_.load()) {
+      connecting_.store(false);
+      return;
+    }
+    page_timer_flag_.store(false);
+    StopPageTimerThread();  // a refresh thread left by an earlier connection
+    page_timer_flag_.store(true);
+    StartPageTimerThread();
+    is_connected_.store(true);
+    emit sendLogMessage("Lidar connected", "INFO");
+    emit myMapChanged();
+    emit isConnectedChanged();
+    connecting_.store(false);
+  } catch (const std::exception& e) {
+    Trace("Init", "init lidar error\n");
+    setErrorMsg(kNetworkFailure);
+    emit sendLogMessage(QString("Connection Error: ") + e.what(), "ERROR");
+    connecting_.store(false);
+  } catch (...) {
+    Trace("Init", "init lidar error\n");
+    setErrorMsg(kNetworkFailure);
+    emit sendLogMessage("Connection Error: Unknown", "ERROR");
+    connecting_.store(false);
+  }
+}
+
+void VarkelManager::InitKtcForSerial() {
+  try {
+    connecting_.store(true);
+    SetKtcClient(nullptr);
+    is_connected_.store(false);
+    Trace("InitKtcForSerial", "try to connect to lidar with TCP connection.\n");
+    std::string ip, port_text;
+    {
+      std::lock_guard<std::mutex> lock(fields_mutex_);
+      ip = ip_address_;
+      port_text = port_;
+    }
+    const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
+    auto client =
+        std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", 5000, 5000, 0.0f, 0);
+    SetKtcClient(client);
+    std::this_thread::sleep_for(kOpenCheckDelay);
+    if (!client->IsOpen()) throw std::runtime_error("TCP connection failed.");
+    const auto baud = static_cast<uint32_t>(baud_rate_.load());
+    client->SetSerialFastBaudRate(baud);
+    InstallKtcLogCallback(*client);
+    // The small lidar switches its serial side to the chosen rate; it may answer at the
+    // new rate or not at all, so the result is not checked.
+    std::vector<uint8_t> payload{0x00,
+                                 0x01,
+                                 0x39,
+                                 static_cast<uint8_t>(baud >> 24),
+                                 static_cast<uint8_t>(baud >> 16),
+                                 static_cast<uint8_t>(baud >> 8),
+                                 static_cast<uint8_t>(baud)};
+    std::vector<uint8_t> reply;
+    client->QueryCommand(payload, reply, kSubCommandCmd);
+    if (closing_.load()) {
+      connecting_.store(false);
+      return;
+    }
+    // The small lidar's information thread is not part of this connection yet.
+    page_timer_flag_.store(true);
+    is_connected_.store(true);
+    emit sendLogMessage("Lidar connected", "INFO");
+    emit isConnectedChanged();
+    connecting_.store(false);
+  } catch (const std::exception& e) {
+    Trace("InitKtcForSerial", "init lidar error\n");
+    setErrorMsg(kNetworkFailure);
+    emit sendLogMessage(QString("Connection Error: ") + e.what(), "ERROR");
+    connecting_.store(false);
+  } catch (...) {
+    Trace("InitKtcForSerial", "init lidar error\n");
+    setErrorMsg(kNetworkFailure);
+    emit sendLogMessage("Connection Error: Unknown", "ERROR");
+    connecting_.store(false);
+  }
+}
+
+bool VarkelManager::InitSerial() {
+  connecting_.store(true);
+  {
+    std::lock_guard<std::mutex> lock(clients_mutex_);
+    serial_source_485_.reset();
+    serial_source_232_.reset();
+  }
+  std::string port485, port232;
+  {
+    std::lock_guard<std::mutex> lock(fields_mutex_);
+    port485 = serial_port_485_;
+    port232 = serial_port_232_;
+  }
+  auto rs485 = std::make_shared<SerialSource>(port485, static_cast<uint32_t>(serial_command_baud_rate_),
+                                              static_cast<uint32_t>(baud_rate_.load()));
+  auto uart = std::make_shared<SerialSource>(port232, static_cast<uint32_t>(serial_uart_baud_rate_), 3125000u);
+
+  rs485->SetReceiveType(0);
+  rs485->Open();
+  if (!rs485->IsOpened()) {
+    rs485.reset();
+    setErrorMsg("Connection Failed. Please check your RS485 serial port.");
+    emit sendLogMessage("Connection Error: RS485 serial open fail", "ERROR");
+    connecting_.store(false);
+    return false;
+  }
+  uart->SetReceiveType(1);
+  uart->SetAutoReceive(false);
+  uart->Open();
+  if (!uart->IsOpened()) {
+    rs485->Close();
+    rs485.reset();
+    setErrorMsg("Connection Failed. Please check your UART serial port.");
+    emit sendLogMessage("Connection Error: UART serial open fail", "ERROR");
+    connecting_.store(false);
+    return false;
+  }
+
+  // Commands go out on the UART line; replies and points come back on RS485.
+  auto client = std::make_shared<SerialClient>(uart, rs485);
+  {
+    std::lock_guard<std::mutex> lock(clients_mutex_);
+    serial_source_485_ = rs485;
+    serial_source_232_ = uart;
+    serial_client_ = client;
+  }
+  is_connected_.store(true);
+  emit sendLogMessage("Lidar connected", "INFO");
+  connecting_.store(false);
+  client->SetLogCallback([this](const std::string& line) { OnClientLog(line); });
+  // The small lidar's information thread is not part of this connection yet.
+  page_timer_flag_.store(true);
+  emit isConnectedChanged();
+  return true;
+}
+
+bool VarkelManager::CheckLidarConnection() {
+  auto client = KtcClientHandle();
+  if (!client || !client->IsOpen()) return false;
+  return ProbeLidar(*client);
+}
+
+void VarkelManager::ClearPendingWrites() {
+  std::lock_guard<std::mutex> lock(fields_mutex_);
+  set_map_.clear();
+  edited_values_.clear();
+}
+
+void VarkelManager::Stop() {
+  try {
+    switch (connect_type_.load()) {
+      case 0:
+        is_connected_.store(false);
+        page_timer_flag_.store(false);
+        StopPageTimerThread();
+        SetSnValuesUnknown();
+        SetKtcClient(nullptr);
+        ClearPendingWrites();
+        emit isConnectedChanged();
+        emit myMapChanged();
+        {
+          std::lock_guard<std::mutex> lock(fields_mutex_);
+          for (int i = 0; i < 4; ++i) fov_[i] = 0.0f;
+        }
+        emit sendLogMessage("Lidar disconnected", "INFO");
+        break;
+      case 1: {
+        is_connected_.store(false);
+        page_timer_flag_.store(false);
+        StopPageTimerThread();
+        std::shared_ptr<SerialSource> rs485, uart;
+        std::shared_ptr<SerialClient> client;
+        {
+          std::lock_guard<std::mutex> lock(clients_mutex_);
+          rs485 = serial_source_485_;
+          uart = serial_source_232_;
+          client.swap(serial_client_);
+        }
+        if (rs485) rs485->Close();
+        if (uart) uart->Close();
+        client.reset();
+        emit isConnectedChanged();
+        emit zeltoLidarInfoChanged();
+        emit sendLogMessage("Lidar disconnected", "INFO");
+        break;
+      }
+      case 2:
+        is_connected_.store(false);
+        page_timer_flag_.store(false);
+        StopPageTimerThread();
+        SetSnValuesUnknown();
+        SetKtcClient(nullptr);
+        emit isConnectedChanged();
+        emit zeltoLidarInfoChanged();
+        emit sendLogMessage("Lidar disconnected", "INFO");
+        break;
+      default:
+        emit sendLogMessage("connect type is not support", "INFO");
+        break;
+    }
+  } catch (...) {
+    Print("stop error\n");
+  }
+}

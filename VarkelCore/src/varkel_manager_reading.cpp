@@ -1,0 +1,219 @@
+// Reading variables: a page on request, single variables, and the 100 ms refresh of the
+// timer-marked variables of the shown page.
+
+#include <QDebug>
+
+#include <chrono>
+#include <stdexcept>
+#include <unordered_map>
+
+#include "config_parser.h"
+#include "ktc_client.h"
+#include "ktc_command_text.h"
+#include "ktc_fov.h"
+#include "logger.h"
+#include "manager_catalogue.h"
+#include "value_text.h"
+#include "varkel_manager.h"
+
+using quarn::lidar::KtcCommandText;
+
+namespace {
+
+constexpr auto kRefreshPeriod = std::chrono::milliseconds(100);
+
+// Variables that share a get command and payload travel in one reply.
+using ReadGroups = std::unordered_map<std::string, std::vector<VarInfo*>>;
+
+std::string GroupKey(const VarInfo* var) {
+  return var->get_cmd + " " + var->get_cmd_payload;
+}
+
+void AddToGroups(ReadGroups& groups, VarInfo* var) {
+  groups[GroupKey(var)].push_back(var);
+}
+
+}  // namespace
+
+int VarkelManager::GetInfoFromLidarWithSameCmd(const std::vector<VarInfo*>& vars, bool fov_read, bool timer_round) {
+  if (vars.empty())
+    throw std::invalid_argument(
+        "VarkelManager::GetInfoFromLidarWithSameCmd(): ERROR with the input v_p_vars -- size == 0");
+  const std::string& cmd = vars.front()->get_cmd;
+  for (const VarInfo* var : vars)
+    if (var->get_cmd != cmd)
+      throw std::invalid_argument(
+          "VarkelManager::GetInfoFromLidarWithSameCmd(): ERROR with the input v_p_vars -- They must use the same get "
+          "cmd.");
+  KtcCommandText command;
+  if (fov_read && quarn::lidar::ParseKtcCommandText(cmd, command) && !command.extended &&
+      command.cmd == quarn::lidar::kKtcFovReadCmd)
+    return ReadFov(vars);
+  return QueryAndCut("GetInfoFromLidarWithSameCmd", vars, timer_round);
+}
+
+int VarkelManager::ReadFov(const std::vector<VarInfo*>& vars) {
+  VarInfo* first = vars.front();
+  quarn::lidar::MultiFovConfig fov;
+  auto client = KtcClientHandle();
+  const int ret = client ? quarn::lidar::GetMultiFovConfig(*client, fov) : -1;
+  if (ret != 0) {
+    qDebug().noquote() << "VarkelManager::GetInfoFromLidarWithSameCmd(): try get"
+                       << QString::fromStdString(first->var_name)
+                       << "FAILED, cmd sent = 0x23 -- QueryCommand()'s ret =" << ret;
+    return -1;
+  }
+  {
+    std::lock_guard<std::mutex> lock(fields_mutex_);
+    for (size_t i = 0; i < quarn::lidar::kFovRanges; ++i) {
+      fov_[i] = fov.start[i];
+      fov_[quarn::lidar::kFovRanges + i] = fov.end[i];
+    }
+  }
+  StoreReadValue(first, std::to_string(fov.channel));
+  emit fovConfigChanged();
+  return 1;
+}
+
+bool VarkelManager::GetInfoFromLidar(VarInfo* var) {
+  if (!var) return false;
+  return QueryAndCut("GetInfoFromLidar", {var}, false) > 0;
+}
+
+int VarkelManager::QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round) {
+  const VarInfo* first = vars.front();
+  KtcCommandText command;
+  std::string error;
+  if (!quarn::lidar::ParseKtcCommandText(first->get_cmd, command, &error))
+    throw std::invalid_argument("bad get command \"" + first->get_cmd + "\": " + error);
+  const std::vector<uint8_t> payload = quarn::lidar::BuildCommandPayload(command, first->get_cmd_payload_bytes);
+
+  std::vector<uint8_t> reply;
+  auto client = KtcClientHandle();
+  const int ret = client ? client->QueryCommand(payload, reply, command.cmd) : -1;
+  const QString name = QString::fromStdString(first->var_name);
+  const QString cmd_text = QString::fromStdString(first->get_cmd);
+  if (ret != 0) {
+    qDebug().noquote() << QString("VarkelManager::%1(): try get").arg(operation) << name
+                       << "FAILED, cmd sent =" << cmd_text << "-- QueryCommand()'s ret =" << ret;
+    return -1;
+  }
+  if (reply.empty()) {
+    qDebug().noquote() << QString("VarkelManager::%1(): try get").arg(operation) << name
+                       << ", but get no return msg from lidar. cmd sent = " << cmd_text;
+    return -1;
+  }
+  int refreshed = 0;
+  std::vector<uint8_t> slice;
+  for (VarInfo* var : vars)
+    if (updateSingleVarFromOutput(var, first->get_cmd, reply, slice, timer_round)) ++refreshed;
+  return refreshed;
+}
+
+bool VarkelManager::updateSingleVarFromOutput(VarInfo* var, const std::string& cmd, const std::vector<uint8_t>& output,
+                                              std::vector<uint8_t>& slice, bool timer_round) {
+  auto catalogue = Catalogue();
+  if (!catalogue || !catalogue->parser) return false;
+  if (output.empty())
+    throw std::invalid_argument("VarkelManager::updateSingleVarFromOutput(): Error with the input 'output'");
+  if (!var || var->var_type.empty())
+    throw std::invalid_argument("VarkelManager::updateSingleVarFromOutput(): Error with the input var_info");
+
+  ConfigParser& parser = *catalogue->parser;
+  // The model changed while the reply was on its way: the record is not this table's.
+  if (parser.FindById(var->var_id) != var) return false;
+
+  // In a refresh round a fault is reported once per variable, not ten times a second.
+  auto report = [&] { return !timer_round || catalogue->FirstTimerFault(var->var_id); };
+
+  std::pair<uint32_t, uint32_t> pos{0, 0};
+  bool found;
+  {
+    std::lock_guard<std::mutex> lock(values_mutex_);
+    found = parser.GetVarPosOffset(cmd, var->var_id, static_cast<uint32_t>(output.size()), pos);
+  }
+  if (!found) {
+    if (report()) emit sendLogMessage("get <start_pos, offset> failed!", "ERROR");
+    return false;
+  }
+  if (pos.second == 0 || static_cast<uint64_t>(pos.first) + pos.second > output.size()) {
+    if (report()) emit sendLogMessage("get var pos offset failed!", "ERROR");
+    return false;
+  }
+  slice.assign(output.begin() + pos.first, output.begin() + pos.first + pos.second);
+
+  const varkel::ValueText text = varkel::BytesToValueText(var->var_type, slice, var->coefficient);
+  if (!text.ok) {
+    if (report()) LOG_ERROR("%s", text.text.c_str());
+    return false;
+  }
+  StoreReadValue(var, text.text);
+  return true;
+}
+
+void VarkelManager::GetLidarModuleInfo(int module) {
+  if (connect_type_.load() != 0 || !is_connected_.load() || is_upgrading_.load() || is_download_log_.load()) return;
+  auto client = KtcClientHandle();
+  if (!client || !client->IsOpen()) return;
+  auto catalogue = Catalogue();
+  if (!catalogue || !catalogue->parser) return;
+  const auto& modules = catalogue->parser->module_vars;
+  if (module < 0 || module >= static_cast<int>(modules.size())) return;
+
+  ReadGroups groups;
+  for (const auto& group : modules[module])
+    for (VarInfo* var : group)
+      if (!var->get_cmd.empty()) AddToGroups(groups, var);
+  for (const auto& group : groups) {
+    try {
+      // The page's FOV editor shows the ranges the lidar applies.
+      GetInfoFromLidarWithSameCmd(group.second, true);
+    } catch (const std::exception& e) {
+      Trace("GetLidarModuleInfo", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.first + "\n");
+    }
+  }
+  emit myMapChanged();
+}
+
+bool VarkelManager::UpdateSingleVarInfo(QString qs_var_info, QString search_type) {
+  auto catalogue = Catalogue();  // keeps the record alive for the read
+  VarInfo* var = searchVarPtr(qs_var_info.toStdString(), search_type.toStdString());
+  if (!var || var->get_cmd.empty() || !catalogue || !catalogue->parser ||
+      catalogue->parser->FindById(var->var_id) != var)
+    return false;
+  try {
+    return GetInfoFromLidar(var);
+  } catch (const std::exception& e) {
+    Trace("UpdateSingleVarInfo", "ERROR " + std::string(e.what()) + "\n");
+    return false;
+  }
+}
+
+void VarkelManager::updatePagesTimer() {
+  while (page_timer_flag_.load()) {
+    auto catalogue = Catalogue();
+    const int module = module_index_use_.load();
+    ReadGroups groups;
+    if (catalogue && catalogue->parser && module >= 0 &&
+        module < static_cast<int>(catalogue->parser->module_vars.size())) {
+      for (const auto& group : catalogue->parser->module_vars[module])
+        for (VarInfo* var : group)
+          if (var->timer_update && !var->get_cmd.empty()) AddToGroups(groups, var);
+    }
+    bool read_any = false;
+    for (const auto& group : groups) {
+      // A disconnect need not wait for the rest of a slow round.
+      if (!page_timer_flag_.load()) break;
+      read_any = true;
+      try {
+        GetInfoFromLidarWithSameCmd(group.second, false, true);
+      } catch (const std::exception& e) {
+        Trace("updatePagesTimer", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.first + "\n");
+      }
+    }
+    if (read_any) emit myTimerMapChanged();
+
+    std::unique_lock<std::mutex> lock(page_timer_wait_mutex_);
+    page_timer_wait_.wait_for(lock, kRefreshPeriod, [this] { return !page_timer_flag_.load(); });
+  }
+}

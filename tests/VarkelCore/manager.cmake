@@ -1,0 +1,12 @@
+# The controller against the virtual lidar, in-process, on loopback and pseudo-terminals.
+find_package(Qt5 5.15 REQUIRED COMPONENTS Core Test)
+varkel_add_gtest(varkel_manager_tests
+  SOURCES
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_test_support.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/value_text_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_object_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_connection_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_reading_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_writing_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_range_test.cpp
+  LIBS VarkelCore varkel_sim Qt5::Core Qt5::Test)
