@@ -235,6 +235,10 @@ class VarkelManager : public QObject {
   void OnClientLog(const std::string& line);
   // Probe with commands 7 then 8, without byte log. True when either answered.
   bool ProbeLidar(quarn::lidar::KtcClient& client);
+  // Shared first steps of the two KTC connect workers: a fresh client, opened or thrown.
+  std::shared_ptr<quarn::lidar::KtcClient> OpenKtcConnection(const char* operation, uint32_t timeout_ms);
+  // Runs a connect worker's body; any error becomes the network failure notice and log line.
+  void RunConnectWorker(const char* operation, const std::function<void()>& body);
   void StartPageTimerThread();
   void StopPageTimerThread();
   void SetSnValuesUnknown();

@@ -71,25 +71,45 @@ bool VarkelManager::ProbeLidar(KtcClient& client) {
   return answered;
 }
 
-void VarkelManager::Init() {
+std::shared_ptr<KtcClient> VarkelManager::OpenKtcConnection(const char* operation, uint32_t timeout_ms) {
+  connecting_.store(true);
+  SetKtcClient(nullptr);
+  is_connected_.store(false);
+  Trace(operation, "try to connect to lidar with TCP connection.\n");
+  std::string ip, port_text;
+  {
+    std::lock_guard<std::mutex> lock(fields_mutex_);
+    ip = ip_address_;
+    port_text = port_;
+  }
+  const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
+  auto client = std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", timeout_ms,
+                                            timeout_ms, 0.0f, 0);
+  SetKtcClient(client);
+  // The lidar must accept within this time; there is no second chance, deliberately.
+  std::this_thread::sleep_for(kOpenCheckDelay);
+  if (!client->IsOpen()) throw std::runtime_error("TCP connection failed.");
+  return client;
+}
+
+void VarkelManager::RunConnectWorker(const char* operation, const std::function<void()>& body) {
+  QString reason = "Unknown";
   try {
-    connecting_.store(true);
-    SetKtcClient(nullptr);
-    is_connected_.store(false);
-    Trace("Init", "try to connect to lidar with TCP connection.\n");
-    std::string ip, port_text;
-    {
-      std::lock_guard<std::mutex> lock(fields_mutex_);
-      ip = ip_address_;
-      port_text = port_;
-    }
-    const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
-    auto client =
-        std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", 4000, 4000, 0.0f, 0);
-    SetKtcClient(client);
-    // The lidar must accept within this time; there is no second chance, deliberately.
-    std::this_thread::sleep_for(kOpenCheckDelay);
-    if (!client->IsOpen()) throw std::runtime_error("TCP connection failed.");
+    body();
+    return;
+  } catch (const std::exception& e) {
+    reason = e.what();
+  } catch (...) {
+  }
+  Trace(operation, "init lidar error\n");
+  setErrorMsg(kNetworkFailure);
+  emit sendLogMessage("Connection Error: " + reason, "ERROR");
+  connecting_.store(false);
+}
+
+void VarkelManager::Init() {
+  RunConnectWorker("Init", [this] {
+    auto client = OpenKtcConnection("Init", 4000);
     InstallKtcLogCallback(*client);
     if (!ProbeLidar(*client)) {
       Print("DEBUG: heckLidarConnection() == false\n");
@@ -108,37 +128,12 @@ void VarkelManager::Init() {
     emit myMapChanged();
     emit isConnectedChanged();
     connecting_.store(false);
-  } catch (const std::exception& e) {
-    Trace("Init", "init lidar error\n");
-    setErrorMsg(kNetworkFailure);
-    emit sendLogMessage(QString("Connection Error: ") + e.what(), "ERROR");
-    connecting_.store(false);
-  } catch (...) {
-    Trace("Init", "init lidar error\n");
-    setErrorMsg(kNetworkFailure);
-    emit sendLogMessage("Connection Error: Unknown", "ERROR");
-    connecting_.store(false);
-  }
+  });
 }
 
 void VarkelManager::InitKtcForSerial() {
-  try {
-    connecting_.store(true);
-    SetKtcClient(nullptr);
-    is_connected_.store(false);
-    Trace("InitKtcForSerial", "try to connect to lidar with TCP connection.\n");
-    std::string ip, port_text;
-    {
-      std::lock_guard<std::mutex> lock(fields_mutex_);
-      ip = ip_address_;
-      port_text = port_;
-    }
-    const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
-    auto client =
-        std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", 5000, 5000, 0.0f, 0);
-    SetKtcClient(client);
-    std::this_thread::sleep_for(kOpenCheckDelay);
-    if (!client->IsOpen()) throw std::runtime_error("TCP connection failed.");
+  RunConnectWorker("InitKtcForSerial", [this] {
+    auto client = OpenKtcConnection("InitKtcForSerial", 5000);
     const auto baud = static_cast<uint32_t>(baud_rate_.load());
     client->SetSerialFastBaudRate(baud);
     InstallKtcLogCallback(*client);
@@ -163,17 +158,7 @@ void VarkelManager::InitKtcForSerial() {
     emit sendLogMessage("Lidar connected", "INFO");
     emit isConnectedChanged();
     connecting_.store(false);
-  } catch (const std::exception& e) {
-    Trace("InitKtcForSerial", "init lidar error\n");
-    setErrorMsg(kNetworkFailure);
-    emit sendLogMessage(QString("Connection Error: ") + e.what(), "ERROR");
-    connecting_.store(false);
-  } catch (...) {
-    Trace("InitKtcForSerial", "init lidar error\n");
-    setErrorMsg(kNetworkFailure);
-    emit sendLogMessage("Connection Error: Unknown", "ERROR");
-    connecting_.store(false);
-  }
+  });
 }
 
 bool VarkelManager::InitSerial() {
