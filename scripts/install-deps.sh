@@ -14,7 +14,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format clang-tidy libclang-rt-14-dev
   fonts-roboto-unhinted
-  xvfb x11-apps imagemagick xauth
+  libqt5svg5
+  xvfb x11-apps imagemagick xauth python3
 )
 
 missing=()

@@ -1,0 +1,52 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import "."
+
+// The five field-of-view windows: start angles (values 0-4) over end angles (values 5-9).
+GridLayout {
+    id: editor
+    property var manager: null
+    readonly property var fov: manager ? manager.FovList : []
+
+    columns: 6
+    rowSpacing: 6
+    columnSpacing: 6
+
+    Text {
+        text: "Start"
+        font.family: Theme.fontFamily
+        font.pixelSize: Theme.fontSizeSmall
+        color: Theme.textDim
+        Layout.preferredWidth: 30
+    }
+    Repeater {
+        model: 5
+        delegate: DefaultTextField {
+            objectName: "fovStart" + index
+            Layout.fillWidth: true
+            Layout.preferredHeight: 26
+            horizontalAlignment: TextInput.AlignHCenter
+            text: editor.fov.length > index ? editor.fov[index] : ""
+            onEditingFinished: editor.manager.SetMultiFovConfig(index, text)
+        }
+    }
+    Text {
+        text: "End"
+        font.family: Theme.fontFamily
+        font.pixelSize: Theme.fontSizeSmall
+        color: Theme.textDim
+        Layout.preferredWidth: 30
+    }
+    Repeater {
+        model: 5
+        delegate: DefaultTextField {
+            objectName: "fovEnd" + index
+            Layout.fillWidth: true
+            Layout.preferredHeight: 26
+            horizontalAlignment: TextInput.AlignHCenter
+            text: editor.fov.length > index + 5 ? editor.fov[index + 5] : ""
+            onEditingFinished: editor.manager.SetMultiFovConfig(index + 5, text)
+        }
+    }
+}

@@ -1,0 +1,563 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import "assembly"
+
+// The main user interface. It holds no lidar logic: it binds to the controller
+// `varkel_manager`, calls its invokables and turns its outcomes into notices and log lines.
+Rectangle {
+    id: root
+    objectName: "varkelRoot"
+    width: 1300
+    height: 800
+    color: Theme.window
+
+    readonly property int connectType: varkel_manager.connectType
+    readonly property bool connected: varkel_manager.IsConnected
+    readonly property var pageTitles: connectType === 0 ? varkel_manager.level1List : []
+    readonly property var pageEntries: varkel_manager.level2List
+    readonly property int pageCount: pageTitles.length
+    readonly property int currentPage: tabs.currentIndex
+    readonly property string selectedModel: modelCombo.currentText
+    // Values as of the last read, and as of the last timer round.
+    property var snapshot: varkel_manager.myMap
+    property var liveMap: varkel_manager.myMap
+    // Names the range check reported for the page being saved.
+    property var outOfRangeNames: []
+    property int pendingSavePage: -1
+    property string lastLogText: ""
+    property string lastLogType: "INFO"
+
+    // Writing comes with the controller's editing functions; without them pages are read-only.
+    readonly property bool canWrite: typeof varkel_manager.SetText === "function"
+    readonly property bool canSave: canWrite && typeof varkel_manager.Run === "function"
+                                    && typeof varkel_manager.getSetMapSize === "function"
+                                    && typeof varkel_manager.CheckModuleVarsWithinRange === "function"
+    readonly property bool canEditFov: typeof varkel_manager.SetMultiFovConfig === "function"
+
+    // ---- functions every page uses ---------------------------------------------------
+
+    function callMessageWindow(msg, btn_text, module_name) {
+        if (btn_text === undefined) btn_text = "OK";
+        if (module_name === undefined) module_name = "";
+        if (!msg) return;
+        if (btn_text === "Continue" && module_name !== "") {
+            pendingSavePage = Number(module_name);
+            messageWindow.ask("The " + msg + "set by the user was detected to be outside the range specified "
+                              + "in the config file. Do you wish to continue?", btn_text);
+        } else {
+            pendingSavePage = -1;
+            messageWindow.ask(msg, btn_text);
+        }
+    }
+
+    function callErrorInfoWindow(msg) {
+        if (!msg) return;
+        errorInfoWindow.show(msg);
+    }
+
+    function callSuccessInfoWindow(msg) {
+        if (!msg) return;
+        successInfoWindow.show(msg);
+    }
+
+    function printLog(msg, type) {
+        if (type === undefined) type = "INFO";
+        if (!msg) return;
+        switch (type) {
+        case "ERROR":
+            logWindow.printError(msg);
+            break;
+        case "WARNING":
+            logWindow.printWarning(msg);
+            break;
+        case "BYTES":
+        case "BYTE":
+            logWindow.printBytes(msg);
+            break;
+        default:
+            logWindow.printInfo(msg);
+            type = "INFO";
+        }
+        lastLogText = msg;
+        lastLogType = type;
+    }
+
+    // ---- page actions ------------------------------------------------------------------
+
+    // Edits are kept over reads until they are written or dropped, so Cancel drops them
+    // first; the read then shows the lidar's own values again.
+    function cancelPage(page) {
+        if (typeof varkel_manager.ClearSetMap === "function") varkel_manager.ClearSetMap();
+        outOfRangeNames = [];
+        varkel_manager.GetLidarModuleInfo(page);
+    }
+
+    function savePage(page) {
+        if (!varkel_manager.IsConnected) {
+            callSuccessInfoWindow("Please connect to lidar first");
+            return;
+        }
+        if (varkel_manager.getSetMapSize() === 0) {
+            callSuccessInfoWindow("Nothing to be saved");
+            return;
+        }
+        // The check reports each failing name through someVarOutOfRange while it runs.
+        outOfRangeNames = [];
+        if (!varkel_manager.CheckModuleVarsWithinRange(page)) {
+            var names = outOfRangeNames.length > 0 ? outOfRangeNames.join(", ") + " " : "Some item ";
+            callMessageWindow(names, "Continue", page);
+            return;
+        }
+        runSave(page);
+    }
+
+    function runSave(page) {
+        varkel_manager.Run(page);
+        varkel_manager.GetLidarModuleInfo(page);
+        outOfRangeNames = [];
+    }
+
+    function pressConnect() {
+        if (varkel_manager.GetIsConnectingLidar()) {
+            callErrorInfoWindow("Is Connecting Lidar... Please wait.");
+            return;
+        }
+        if (varkel_manager.IsConnected) {
+            if (varkel_manager.IsUpgrading) {
+                callErrorInfoWindow("Disconnect REJECTED. Lidar is upgrading.");
+                return;
+            }
+            varkel_manager.Stop();
+            checkTimer.stop();
+            return;
+        }
+        if (varkel_manager.ConnectLidar()) {
+            loading.text = "Connecting to lidar...";
+            loading.visible = true;
+            loadingPoll.ticks = 0;
+            loadingPoll.start();
+        }
+    }
+
+    function checkConnectedModel() {
+        var pn = varkel_manager.getLidarPN();
+        var sn = varkel_manager.getLidarSN();
+        var model = selectedModel;
+        var head = model.substring(0, 2);
+        if (pn !== "" && sn !== "") {
+            if (!(pn.indexOf(model) >= 0 || sn.indexOf(model) >= 0 || pn.indexOf(head) >= 0 || sn.indexOf(head) >= 0)) {
+                callErrorInfoWindow("WARNING: Please note that a mismatch is detected between the lidar model on the "
+                                    + "connection and the one selected. Some functions of VK may be in error.");
+            }
+        } else if (pn !== "xxxxxx" || sn !== "xxxxxx") {
+            callErrorInfoWindow("WARNING: There is a problem with the PN or SN code of the device you are connecting to.");
+        } else {
+            callErrorInfoWindow("WARNING: Empty PN or SN code detected. Please check your device.");
+        }
+    }
+
+    function selectModel(model) {
+        printLog("Current selected model is " + model, "INFO");
+        varkel_manager.InitConfigFileParser(model);
+        varkel_manager.UpdateUI();
+    }
+
+    function showPage(page) {
+        if (page < 0 || page >= pageCount) return;
+        varkel_manager.setModuleIndexUse(page);
+        if (varkel_manager.IsConnected && connectType === 0) varkel_manager.GetLidarModuleInfo(page);
+    }
+
+    function modelIndexAtStart() {
+        var list = varkel_manager.LidarModelList;
+        var wanted = varkel_manager.getVMNowName();
+        if (wanted === "") wanted = "Quenta";
+        for (var k = 0; k < list.length; ++k)
+            if (String(list[k]) === wanted) return k;
+        return list.length > 0 ? 0 : -1;
+    }
+
+    // ---- the controller's signals ------------------------------------------------------
+
+    Connections {
+        target: varkel_manager
+
+        function onSendLogMessage(msg, type) { root.printLog(msg, type); }
+
+        function onErrorMessageChanged() {
+            var msg = varkel_manager.errorMessage;
+            if (msg === "") return;
+            loading.visible = false;
+            root.callErrorInfoWindow(msg);
+            varkel_manager.setErrorMsg("");
+        }
+
+        function onSuccessMessageChanged() {
+            var msg = varkel_manager.successMessage;
+            if (msg === "") return;
+            root.callSuccessInfoWindow(msg);
+            varkel_manager.setSuccessMsg("");
+        }
+
+        function onSomeVarOutOfRange(var_name) {
+            var names = root.outOfRangeNames.slice();
+            if (names.indexOf(var_name) < 0) names.push(var_name);
+            root.outOfRangeNames = names;
+        }
+
+        function onIsConnectedChanged() {
+            loading.visible = false;
+            if (!varkel_manager.IsConnected) {
+                checkTimer.stop();
+                return;
+            }
+            checkTimer.start();
+            if (root.connectType === 0) {
+                varkel_manager.GetLidarModuleInfo(0);
+                root.checkConnectedModel();
+                if (root.currentPage < root.pageCount) varkel_manager.GetLidarModuleInfo(root.currentPage);
+            }
+        }
+
+        function onMyTimerMapChanged() { root.liveMap = varkel_manager.myMap; }
+        function onMyMapChanged() { root.liveMap = varkel_manager.myMap; }
+        function onLidarClearModel() { root.outOfRangeNames = []; }
+        function onLidarShowModel() {
+            tabs.currentIndex = 0;
+            root.showPage(0);
+        }
+    }
+
+    // While connected: probe every 5 s and disconnect for the user when the lidar is gone.
+    Timer {
+        id: checkTimer
+        objectName: "connectionCheckTimer"
+        interval: 5000
+        repeat: true
+        onTriggered: {
+            if (!varkel_manager.IsConnected || varkel_manager.IsUpgrading || varkel_manager.IsDownloadLog) return;
+            if (!varkel_manager.CheckLidarConnection()) {
+                stop();
+                connectButton.clicked();
+            }
+        }
+    }
+
+    // Hides the connecting cover when an attempt ends without any signal reaching here.
+    Timer {
+        id: loadingPoll
+        property int ticks: 0
+        interval: 250
+        repeat: true
+        onTriggered: {
+            ticks += 1;
+            if (!loading.visible || (ticks >= 2 && !varkel_manager.GetIsConnectingLidar())) {
+                loading.visible = false;
+                stop();
+            }
+        }
+    }
+
+    // ---- layout ------------------------------------------------------------------------
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: 0
+
+        // Top bar
+        Rectangle {
+            Layout.fillWidth: true
+            Layout.preferredHeight: Theme.topBarHeight
+            color: Theme.panel
+
+            Rectangle {
+                anchors.left: parent.left
+                anchors.right: parent.right
+                anchors.bottom: parent.bottom
+                height: 1
+                color: Theme.divider
+            }
+
+            RowLayout {
+                anchors.fill: parent
+                anchors.leftMargin: Theme.margin
+                anchors.rightMargin: Theme.margin
+                spacing: 10
+
+                Image {
+                    source: "qrc:/png/Varkel-LOGO-black.svg"
+                    sourceSize.width: 30
+                    sourceSize.height: 30
+                    Layout.preferredWidth: 30
+                    Layout.preferredHeight: 30
+                }
+                Text {
+                    objectName: "titleText"
+                    text: "Varkel"
+                    font.family: Theme.fontFamily
+                    font.pixelSize: Theme.fontSizeTitle
+                    font.bold: true
+                    color: Theme.text
+                    Layout.rightMargin: 14
+                }
+
+                // Network fields (KTC over TCP/TLS, and the small sensors' network side)
+                FieldLabel { text: "IPv4 Address:"; visible: root.connectType !== 1 }
+                DefaultTextField {
+                    objectName: "ipField"
+                    visible: root.connectType !== 1
+                    Layout.preferredWidth: 122
+                    text: varkel_manager.ip_address
+                    enabled: !root.connected
+                    onTextEdited: varkel_manager.ip_address = text
+                }
+                FieldLabel { text: "KTC/KTCS Port:"; visible: root.connectType !== 1 }
+                DefaultTextField {
+                    objectName: "portField"
+                    visible: root.connectType !== 1
+                    Layout.preferredWidth: 60
+                    text: varkel_manager.port
+                    enabled: !root.connected
+                    onTextEdited: varkel_manager.port = text
+                }
+                FieldLabel { text: "Udp Port:"; visible: root.connectType !== 1 }
+                DefaultTextField {
+                    objectName: "udpPortField"
+                    visible: root.connectType !== 1
+                    Layout.preferredWidth: 60
+                    text: varkel_manager.udpPort
+                    enabled: !root.connected
+                    validator: IntValidator { bottom: 0; top: 65535 }
+                    // Only whole numbers reach the controller, which refuses anything else.
+                    onTextEdited: if (acceptableInput) varkel_manager.udpPort = text
+                }
+
+                // Serial fields
+                FieldLabel { text: "RS485 Serial Port:"; visible: root.connectType === 1 }
+                DefaultTextField {
+                    objectName: "rs485Field"
+                    visible: root.connectType === 1
+                    Layout.preferredWidth: 120
+                    text: varkel_manager.serial_port_485
+                    enabled: !root.connected
+                    onTextEdited: varkel_manager.serial_port_485 = text
+                }
+                FieldLabel { text: "UART Serial Port:"; visible: root.connectType === 1 }
+                DefaultTextField {
+                    objectName: "uartField"
+                    visible: root.connectType === 1
+                    Layout.preferredWidth: 120
+                    text: varkel_manager.serial_port_232
+                    enabled: !root.connected
+                    onTextEdited: varkel_manager.serial_port_232 = text
+                }
+
+                FieldLabel { text: "Baud Rate:" }
+                DefaultComboBox {
+                    id: baudCombo
+                    objectName: "baudRateCombo"
+                    Layout.preferredWidth: 104
+                    editable: true
+                    enabled: !root.connected
+                    model: {
+                        var offers = ["3000000", "3125000"];
+                        var current = String(varkel_manager.baud_rate);
+                        if (current !== "" && offers.indexOf(current) < 0) offers.push(current);
+                        return offers;
+                    }
+                    currentIndex: Math.max(0, model.indexOf(String(varkel_manager.baud_rate)))
+                    validator: IntValidator { bottom: 1 }
+                    onActivated: varkel_manager.baud_rate = currentText
+                    onAccepted: varkel_manager.baud_rate = editText
+                }
+
+                Item { Layout.fillWidth: true }
+
+                Rectangle {
+                    id: light
+                    objectName: "connectionLight"
+                    width: 14
+                    height: 14
+                    radius: 7
+                    color: root.connected ? Theme.connected : Theme.disconnected
+                    border.width: 2
+                    border.color: Qt.darker(color, 1.6)
+                }
+                DefaultComboBox {
+                    id: modelCombo
+                    objectName: "modelCombo"
+                    Layout.preferredWidth: 128
+                    model: varkel_manager.LidarModelList
+                    enabled: !root.connected && varkel_manager.getVMNowName() === ""
+                    Component.onCompleted: currentIndex = root.modelIndexAtStart()
+                    onActivated: root.selectModel(currentText)
+                }
+                DefaultToolButton {
+                    id: connectButton
+                    objectName: "connectButton"
+                    Layout.preferredWidth: 108
+                    text: root.connected ? "Disconnect" : "Connect"
+                    color: root.connected ? Theme.surface : Theme.accent
+                    enabled: !varkel_manager.IsDownloadLog
+                    onClicked: root.pressConnect()
+                }
+                DefaultToolButton {
+                    objectName: "aboutButton"
+                    text: "About"
+                    secondary: true
+                    onClicked: aboutWindow.open()
+                }
+            }
+        }
+
+        TabWidget {
+            id: tabs
+            objectName: "pageTabs"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            titles: root.pageTitles.concat(["Log"])
+            onCurrentIndexChanged: root.showPage(currentIndex)
+
+            Repeater {
+                model: root.pageTitles
+                delegate: ModelPage {
+                    pageIndex: index
+                    title: String(modelData)
+                    entries: root.pageEntries.length > index ? root.pageEntries[index] : []
+                    manager: varkel_manager
+                    snapshot: root.snapshot
+                    live: root.liveMap
+                    outOfRangeNames: root.outOfRangeNames
+                    canWrite: root.canWrite
+                    canSave: root.canSave
+                    canEditFov: root.canEditFov
+                    onCancelRequested: root.cancelPage(page)
+                    onSaveRequested: root.savePage(page)
+                }
+            }
+
+            // Log page
+            Item {
+                Column {
+                    x: Theme.margin + 8
+                    y: Theme.margin
+                    width: Math.max(560, Math.round(parent.width * 0.6))
+                    spacing: 0
+
+                    Text {
+                        text: "Log"
+                        font.family: Theme.fontFamily
+                        font.pixelSize: Theme.fontSizeHeading + 3
+                        font.bold: true
+                        color: Theme.text
+                        bottomPadding: 10
+                    }
+                    Item {
+                        width: parent.width
+                        height: Theme.rowHeight + 8
+                        Text {
+                            anchors.verticalCenter: parent.verticalCenter
+                            text: "VK Log Window"
+                            font.family: Theme.fontFamily
+                            font.pixelSize: Theme.fontSize
+                            color: Theme.textDim
+                        }
+                        Text {
+                            anchors.verticalCenter: parent.verticalCenter
+                            x: Math.round(parent.width * 0.38) + 16
+                            text: logWindow.lineCount + (logWindow.lineCount === 1 ? " line" : " lines")
+                            font.family: Theme.fontFamily
+                            font.pixelSize: Theme.fontSize
+                            color: Theme.text
+                        }
+                        DefaultToolButton {
+                            objectName: "openLogButton"
+                            anchors.right: parent.right
+                            anchors.verticalCenter: parent.verticalCenter
+                            text: "Open"
+                            onClicked: {
+                                logWindow.show();
+                                logWindow.raise();
+                                logWindow.requestActivate();
+                            }
+                        }
+                        Rectangle {
+                            anchors.left: parent.left
+                            anchors.right: parent.right
+                            anchors.bottom: parent.bottom
+                            height: 1
+                            color: Theme.divider
+                        }
+                    }
+                }
+            }
+        }
+
+        // Status bar
+        Rectangle {
+            Layout.fillWidth: true
+            Layout.preferredHeight: 28
+            color: Theme.panel
+
+            RowLayout {
+                anchors.fill: parent
+                anchors.leftMargin: Theme.margin
+                anchors.rightMargin: Theme.margin
+                spacing: 8
+                Rectangle {
+                    width: 8
+                    height: 8
+                    radius: 4
+                    color: root.connected ? Theme.connected : Theme.disconnected
+                }
+                Text {
+                    objectName: "statusText"
+                    text: (root.connected ? "Connected" : "Not connected")
+                          + (root.connectType === 1 ? "  \u00b7  " + varkel_manager.serial_port_485
+                                                    : "  \u00b7  " + varkel_manager.ip_address + ":" + varkel_manager.port)
+                          + (root.selectedModel !== "" ? "  \u00b7  " + root.selectedModel : "")
+                    font.family: Theme.fontFamily
+                    font.pixelSize: Theme.fontSizeSmall
+                    color: Theme.textDim
+                }
+                Item { Layout.fillWidth: true }
+                Text {
+                    Layout.maximumWidth: root.width * 0.55
+                    text: root.lastLogText
+                    elide: Text.ElideRight
+                    font.family: Theme.fontFamily
+                    font.pixelSize: Theme.fontSizeSmall
+                    color: root.lastLogType === "ERROR" ? Theme.error
+                         : root.lastLogType === "WARNING" ? Theme.warning : Theme.textDim
+                }
+            }
+        }
+    }
+
+    // Covers the pages only: the top bar stays usable, so a second Connect is refused
+    // with a message rather than swallowed.
+    LoadingWidget {
+        id: loading
+        objectName: "loadingWidget"
+        x: tabs.x
+        y: tabs.y
+        width: tabs.width
+        height: tabs.height
+    }
+
+    LogWindow {
+        id: logWindow
+        manager: varkel_manager
+    }
+    MessageWindow {
+        id: messageWindow
+        onConfirmed: {
+            if (root.pendingSavePage >= 0) root.runSave(root.pendingSavePage);
+            root.pendingSavePage = -1;
+        }
+    }
+    ErrorInfoWindow { id: errorInfoWindow }
+    SuccessInfoWindow { id: successInfoWindow }
+    AboutWindow { id: aboutWindow }
+}

@@ -1,0 +1,39 @@
+#include "mainwindow.h"
+
+#include <QQmlContext>
+#include <QQuickView>
+#include <QUrl>
+#include <QWidget>
+
+#include "ui_mainwindow.h"
+#include "varkel_manager.h"
+
+MainWindow::MainWindow(QWidget* parent, QString moduleName)
+    : QMainWindow(parent), ui(new Ui::MainWindow), view(nullptr), manager(nullptr) {
+  ui->setupUi(this);
+  view = new QQuickView();
+  // The QML root follows the container's size rather than its own implicit one.
+  view->setResizeMode(QQuickView::SizeRootObjectToView);
+  manager = VarkelManager::GetInstance(true, "./Config/varID/Quenta.csv");
+  manager->InitConfigFileParser(QStringLiteral("Quenta"));
+  manager->SetVMNowName(moduleName);
+
+  QWidget* container = QWidget::createWindowContainer(view);
+  // Published before the source is set, so the first evaluation of the QML can bind to it.
+  view->rootContext()->setContextProperty(QStringLiteral("varkel_manager"), manager);
+  view->setSource(QUrl(QStringLiteral("qrc:/Qml/main.qml")));
+
+  container->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+  // Larger than the window's initial size on purpose: the minimum wins.
+  container->setMinimumSize(1300, 800);
+  container->setFocusPolicy(Qt::TabFocus);
+  ui->horizontalLayout3D->addWidget(container);
+}
+
+MainWindow::~MainWindow() {
+  delete ui;
+  // The container only keeps a guarded pointer to the view, so deleting it here is safe.
+  delete view;
+  delete manager;
+  manager = nullptr;
+}

@@ -1,0 +1,29 @@
+#pragma once
+// The program's one window: a widget frame whose client area is the Qt Quick view that
+// runs the QML user interface, with the controller published to it.
+
+#include <QMainWindow>
+#include <QString>
+
+class QQuickView;
+class VarkelManager;
+
+namespace Ui {
+class MainWindow;
+}
+
+class MainWindow : public QMainWindow {
+  Q_OBJECT
+
+ public:
+  MainWindow(QWidget* parent, QString moduleName);
+  ~MainWindow() override;
+
+  MainWindow(const MainWindow&) = delete;
+  MainWindow& operator=(const MainWindow&) = delete;
+
+ private:
+  Ui::MainWindow* ui;
+  QQuickView* view;
+  VarkelManager* manager;
+};
