@@ -25,6 +25,11 @@ bool NameHas(const BankVariable& def, const char* word) {
 constexpr double kDriftAmplitude = 1.5;
 constexpr double kDriftPeriodS = 60.0;
 
+// Tables show "xxxxxxxx" or "xx.xx.xx.xx" until the first read; a sensor never reports those.
+bool IsPlaceholder(const std::string& text) {
+  return text.find_first_not_of("xX.") == std::string::npos;
+}
+
 }  // namespace
 
 RegisterBank::RegisterBank(std::vector<BankVariable> vars, std::string model, bool live)
@@ -38,7 +43,8 @@ RegisterBank::RegisterBank(std::vector<BankVariable> vars, std::string model, bo
     v.base_time = now;
     const size_t len = v.def.var_len;
     std::optional<std::vector<uint8_t>> bytes;
-    if (!v.def.default_val.empty()) bytes = EncodeValueText(v.def.var_type, v.def.default_val, v.store_coef, len);
+    if (!IsPlaceholder(v.def.default_val))
+      bytes = EncodeValueText(v.def.var_type, v.def.default_val, v.store_coef, len);
     if (!bytes) bytes = EncodeValueText(v.def.var_type, PlausibleText(v.def), v.store_coef, len);
     v.bytes = bytes ? *bytes : std::vector<uint8_t>(len, 0);
     if (v.def.var_type == "DT") {
@@ -57,6 +63,8 @@ std::string RegisterBank::PlausibleText(const BankVariable& def) const {
   const std::string& t = def.var_type;
   if (t == "string") {
     if (NameHas(def, "sn") || NameHas(def, "serial")) return "VK24110" + std::to_string(def.var_len);
+    // A part number names the model, as a real sensor's does.
+    if (def.var_name == "PN" || NameHas(def, "part")) return model_ + "-P128-A";
     return model_;
   }
   if (t == "HWVER") return "2.1.0 (REV-C)";

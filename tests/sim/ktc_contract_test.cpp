@@ -149,6 +149,12 @@ TEST_P(SimKtcContract, ShippedTablesReadBackWhole) {
     const auto shown = ReadAll(*client, *sim, dir + "/" + model + ".csv");
     // The default model is a network lidar with whole pages of variables.
     if (model == "Quenta") EXPECT_GT(shown.size(), 20u);
+    // Placeholder defaults are the program's, not the sensor's: identity reads as real text,
+    // and the part number names the model so the program's model check passes.
+    if (model == "Quenta") {
+      EXPECT_EQ(sim->Value("SN").find("xxxx"), std::string::npos) << sim->Value("SN");
+      EXPECT_NE(sim->Value("PN").find("Quenta"), std::string::npos) << sim->Value("PN");
+    }
   }
 }
 
