@@ -1,17 +1,18 @@
-// Start-up rules: scale factor, install root, the -moduleVM= argument.
+// Start-up: scale factor, -moduleVM=, install root, palette and fonts.
 
 #include <gtest/gtest.h>
-#include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QFontDatabase>
+#include <QGuiApplication>
 #include <QTemporaryDir>
 
-#include <string>
 #include <vector>
 
+#include "font_loader.h"
 #include "install_root.h"
-#include "message_capture.h"
 #include "module_arg.h"
+#include "palette.h"
 #include "scale_factor.h"
 #include "screen_metrics.h"
 
@@ -19,133 +20,160 @@ using namespace varkel::app;
 
 namespace {
 
-ScreenMetrics Screen(int lw, int lh, int pw, int ph) {
-  return ScreenMetrics{lw, lh, pw, ph};
-}
-
-TEST(ScaleFactor, ScreensOfTheTable) {
-  // 4K at 100 %: the width rule gives 2.
-  ScaleDecision d = ComputeScaleFactor(Screen(3840, 2160, 3840, 2160));
-  EXPECT_FLOAT_EQ(d.dpi, 1.0f);
-  EXPECT_EQ(FormatScaleFactor(d.scale), "2");
-  // 150 % system scaling: toned down to 1.2.
-  d = ComputeScaleFactor(Screen(1280, 720, 1920, 1080));
-  EXPECT_FLOAT_EQ(d.dpi, 1.5f);
-  EXPECT_EQ(FormatScaleFactor(d.scale), "1.2");
-  // A small screen never shrinks below 1.
-  d = ComputeScaleFactor(Screen(1366, 768, 1366, 768));
-  EXPECT_EQ(FormatScaleFactor(d.scale), "1");
-  // 125 % exactly is not above 1.25: max(1, 1536 / 1920) = 1.
-  d = ComputeScaleFactor(Screen(1536, 864, 1920, 1080));
-  EXPECT_FLOAT_EQ(d.dpi, 1.25f);
-  EXPECT_DOUBLE_EQ(d.scale, 1.0);
-  // Just above 125 % takes the 0.8 branch.
-  d = ComputeScaleFactor(Screen(1000, 1000, 1260, 1260));
-  EXPECT_NEAR(d.scale, 1.26 * 0.8, 1e-6);
-}
-
-TEST(ScaleFactor, SmallerAxisWinsAndUnknownMetricsGiveOne) {
-  ScaleDecision d = ComputeScaleFactor(Screen(1000, 1000, 1500, 1400));
-  EXPECT_FLOAT_EQ(d.dpi, 1.4f);
-  d = ComputeScaleFactor(Screen(1000, 1000, 1400, 1500));
-  EXPECT_FLOAT_EQ(d.dpi, 1.4f);
-  d = ComputeScaleFactor(Screen(0, 0, 0, 0));
-  EXPECT_FLOAT_EQ(d.dpi, 1.0f);
-  EXPECT_DOUBLE_EQ(d.scale, 1.0);
-  // Six significant digits, general format.
-  EXPECT_EQ(FormatScaleFactor(2560.0 / 1920.0), "1.33333");
-  EXPECT_EQ(FormatScaleFactor(1.19977), "1.19977");
-}
-
-TEST(ScaleFactor, DevicePixelsAndLogicalDpiGiveTheDesktopsLogicalSize) {
-  ScreenMetrics m = MetricsFromDevicePixels(1920, 1080, 144.0);  // desktop at 150 %
-  EXPECT_EQ(m.physical_width, 1920);
-  EXPECT_EQ(m.logical_width, 1280);
-  EXPECT_EQ(m.logical_height, 720);
-  EXPECT_EQ(FormatScaleFactor(ComputeScaleFactor(m).scale), "1.2");
-  m = MetricsFromDevicePixels(3840, 2160, 96.0);
-  EXPECT_EQ(FormatScaleFactor(ComputeScaleFactor(m).scale), "2");
-  m = MetricsFromDevicePixels(0, 1080, 96.0);
-  EXPECT_EQ(m.logical_width, 0);
-}
-
-struct Argv {
-  std::vector<std::string> store;
-  std::vector<const char*> ptrs;
-  explicit Argv(std::vector<std::string> a) : store(std::move(a)) {
-    for (const auto& s : store) ptrs.push_back(s.c_str());
-  }
-  int argc() const { return static_cast<int>(ptrs.size()); }
-  const char* const* argv() const { return ptrs.data(); }
+// Collects what goes through Qt's message handler while it lives, as "W text" or "D text".
+QStringList* g_lines = nullptr;
+struct MessageCapture {
+  MessageCapture() { g_lines = &lines; }
+  ~MessageCapture() { qInstallMessageHandler(old); }
+  QStringList lines;
+  QtMessageHandler old = qInstallMessageHandler([](QtMsgType t, const QMessageLogContext&, const QString& m) {
+    g_lines->append(QString(t == QtWarningMsg ? "W " : t == QtDebugMsg ? "D " : "? ") + m);
+  });
 };
 
-TEST(ModuleVmArgument, FirstCaseSensitiveMatchFromTheSecondArgumentOn) {
-  Argv none({"varkel"});
-  EXPECT_TRUE(ParseModuleVmArg(none.argc(), none.argv()).isEmpty());
-  Argv empty({"varkel", "-moduleVM="});
-  EXPECT_TRUE(ParseModuleVmArg(empty.argc(), empty.argv()).isEmpty());
-  Argv two({"varkel", "-x", "-moduleVM=Quenta", "-moduleVM=Zelto"});
-  EXPECT_EQ(ParseModuleVmArg(two.argc(), two.argv()), QStringLiteral("Quenta"));
-  Argv lower({"varkel", "-modulevm=Quenta", "-MODULEVM=Zelto"});
-  EXPECT_TRUE(ParseModuleVmArg(lower.argc(), lower.argv()).isEmpty());
-  Argv program_name({"-moduleVM=Quenta"});
-  EXPECT_TRUE(ParseModuleVmArg(program_name.argc(), program_name.argv()).isEmpty());
-  Argv spaced({"varkel", "-moduleVM=Zelto-KTC extra"});
-  EXPECT_EQ(ParseModuleVmArg(spaced.argc(), spaced.argv()), QStringLiteral("Zelto-KTC extra"));
+void App() {
+  static int argc = 1;
+  static char* argv[] = {const_cast<char*>("startup_test"), nullptr};
+  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  static QGuiApplication app(argc, argv);
 }
 
-void PutMarker(const QString& dir) {
-  ASSERT_TRUE(QDir().mkpath(dir + "/fonts"));
-  QFile f(dir + "/" + kInstallRootMarker);
-  ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+// A temporary folder with bin/ below it, made the current folder for the test.
+struct TempRoot {
+  TempRoot() : old(QDir::currentPath()), root(QDir(tmp.path()).canonicalPath()), bin(root + "/bin") {
+    EXPECT_TRUE(QDir().mkpath(bin));
+    EXPECT_TRUE(QDir::setCurrent(root));
+  }
+  ~TempRoot() { QDir::setCurrent(old); }
+  void PutMarker(const QString& dir) {
+    ASSERT_TRUE(QDir().mkpath(dir + "/fonts") && QFile(dir + "/" + kInstallRootMarker).open(QIODevice::WriteOnly));
+  }
+  QTemporaryDir tmp;
+  QString old, root, bin;
+};
+
+TEST(ScaleFactor, Screens) {
+  const struct {
+    ScreenMetrics m;
+    float dpi;
+    const char* scale;
+  } rows[] = {
+      {{3840, 2160, 3840, 2160}, 1.0f, "2"},        // 4K at 100 %: the width rule
+      {{1280, 720, 1920, 1080}, 1.5f, "1.2"},       // 150 %: toned down to 80 %
+      {{2400, 1600, 3000, 2000}, 1.25f, "1.25"},    // 125 % exactly is not above 1.25: the width rule
+      {{1366, 768, 1366, 768}, 1.0f, "1"},          // never below 1
+      {{1000, 1000, 1260, 1260}, 1.26f, "1.008"},   // just above takes the 0.8 branch
+      {{2560, 1440, 2560, 1440}, 1.0f, "1.33333"},  // six significant digits
+      {{1000, 1000, 1500, 1400}, 1.4f, "1.12"},     // the smaller axis wins
+      {{1000, 1000, 1400, 1500}, 1.4f, "1.12"},
+      {{0, 0, 0, 0}, 1.0f, "1"},                                  // unknown metrics
+      {MetricsFromDevicePixels(1920, 1080, 144.0), 1.5f, "1.2"},  // desktop at 150 %
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(::testing::Message() << "row " << (&r - rows));
+    const ScaleDecision d = ComputeScaleFactor(r.m);
+    EXPECT_FLOAT_EQ(d.dpi, r.dpi);
+    EXPECT_EQ(FormatScaleFactor(d.scale), r.scale);
+  }
+}
+
+TEST(ModuleVmArgument, FirstCaseSensitiveMatchFromTheSecondArgumentOn) {
+  const struct {
+    std::vector<const char*> argv;
+    const char* name;
+  } rows[] = {
+      {{"varkel"}, ""},
+      {{"varkel", "-moduleVM="}, ""},
+      {{"varkel", "-x", "-moduleVM=Quenta", "-moduleVM=Zelto"}, "Quenta"},
+      {{"varkel", "-modulevm=Quenta", "-MODULEVM=Zelto"}, ""},
+      {{"-moduleVM=Quenta"}, ""},
+      {{"varkel", "-moduleVM=Zelto-KTC extra"}, "Zelto-KTC extra"},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.argv.back());
+    EXPECT_EQ(ParseModuleVmArg(static_cast<int>(r.argv.size()), r.argv.data()), QString(r.name));
+  }
 }
 
 TEST(InstallRoot, ParentFirstThenExecutableFolderThenParentWithAWarning) {
-  QTemporaryDir tmp;
-  ASSERT_TRUE(tmp.isValid());
-  const QString root = QDir(tmp.path()).canonicalPath();
-  const QString bin = root + "/bin";
-  ASSERT_TRUE(QDir().mkpath(bin));
-
-  // No marker anywhere: the parent, with the warning.
-  InstallRootChoice c = ChooseInstallRoot(bin);
-  EXPECT_EQ(c.root, root);
-  EXPECT_FALSE(c.marker_found);
-
-  // Fonts beside the executable: its own folder.
-  PutMarker(bin);
-  c = ChooseInstallRoot(bin);
-  EXPECT_EQ(c.root, bin);
-  EXPECT_TRUE(c.marker_found);
-
-  // Fonts in both places: the parent is asked first.
-  PutMarker(root);
-  c = ChooseInstallRoot(bin);
-  EXPECT_EQ(c.root, root);
-  EXPECT_EQ(c.parent, root);
+  TempRoot t;
+  MessageCapture missing;
+  EXPECT_EQ(ResolveInstallRoot(t.bin), t.root);
+  EXPECT_EQ(missing.lines, (QStringList{"W [Varkel] install root heuristic: missing fonts/Roboto-Regular-14.ttf in " +
+                                            t.bin + " and " + t.root + " \u2014 using parent of exe dir: " + t.root,
+                                        "D [Varkel] applicationDirPath: " + t.bin + " installRoot: " + t.root}));
+  t.PutMarker(t.bin);  // fonts beside the executable: its own folder
+  EXPECT_EQ(ResolveInstallRoot(t.bin), t.bin);
+  t.PutMarker(t.root);  // fonts in both places: the parent is asked first
+  MessageCapture found;
+  EXPECT_EQ(ResolveInstallRoot(t.bin), t.root);
+  EXPECT_EQ(found.lines, QStringList{"D [Varkel] applicationDirPath: " + t.bin + " installRoot: " + t.root});
 }
 
-TEST(InstallRoot, LogLines) {
-  QTemporaryDir tmp;
-  ASSERT_TRUE(tmp.isValid());
-  const QString root = QDir(tmp.path()).canonicalPath();
-  const QString bin = root + "/bin";
-  ASSERT_TRUE(QDir().mkpath(bin));
+TEST(Palette, EveryRoleOfTheTableInEveryGroupAndFourDefaultsKept) {
+  App();
+  const QPalette p = BuildVarkelPalette();
+  const QPalette defaults;
+  using P = QPalette;
+  const std::pair<QColor, std::vector<P::ColorRole>> table[] = {
+      {"#EEEEEE", {P::WindowText, P::Text, P::BrightText, P::ButtonText, P::HighlightedText, P::PlaceholderText}},
+      {"#3A3D3F", {P::Button}},
+      {"#666666", {P::Light}},
+      {"#4D4D4D", {P::Midlight}},
+      {"#222325", {P::Dark}},
+      {"#2B2C2E", {P::Mid, P::Window}},
+      {"#999999", {P::Highlight}},
+      {"#010101", {P::Base, P::AlternateBase, P::ToolTipBase}}};
+  for (const auto group : {QPalette::Active, QPalette::Inactive, QPalette::Disabled}) {
+    for (const auto& [colour, roles] : table) {
+      for (const auto role : roles) {
+        SCOPED_TRACE(::testing::Message() << "group " << group << " role " << role);
+        EXPECT_EQ(p.brush(group, role).style(), Qt::SolidPattern);
+        EXPECT_EQ(p.brush(group, role).color(), colour);
+      }
+    }
+    for (const auto role : {QPalette::Shadow, QPalette::Link, QPalette::LinkVisited, QPalette::ToolTipText})
+      EXPECT_EQ(p.brush(group, role), defaults.brush(group, role)) << role;
+  }
+}
 
-  MessageCapture missing;
-  EXPECT_EQ(ResolveInstallRoot(bin), root);
-  ASSERT_EQ(missing.lines.size(), 2);
-  EXPECT_EQ(missing.lines[0].first, QtWarningMsg);
-  EXPECT_EQ(missing.lines[0].second, "[Varkel] install root heuristic: missing fonts/Roboto-Regular-14.ttf in " + bin +
-                                         " and " + root + QStringLiteral(" \u2014 using parent of exe dir: ") + root);
-  EXPECT_EQ(missing.lines[1].first, QtDebugMsg);
-  EXPECT_EQ(missing.lines[1].second, "[Varkel] applicationDirPath: " + bin + " installRoot: " + root);
+TEST(FontLoader, MissingFolderAndBrokenFilesAreRefusedWithTheirWarnings) {
+  App();
+  TempRoot t;
+  ASSERT_TRUE(QDir().mkpath("fonts/folder.ttf"));
+  QFile broken("fonts/broken.ttf");
+  ASSERT_TRUE(broken.open(QIODevice::WriteOnly) && broken.write("not a font") > 0);
+  broken.close();
 
-  PutMarker(root);
-  MessageCapture found;
-  EXPECT_EQ(ResolveInstallRoot(bin), root);
-  ASSERT_EQ(found.lines.size(), 1);
-  EXPECT_EQ(found.lines[0].first, QtDebugMsg);
+  MessageCapture log;
+  EXPECT_EQ(loadApplicationFont("fonts/none.ttf", "Tag-A"), -1);
+  EXPECT_EQ(loadApplicationFont("fonts/folder.ttf", "Tag-B"), -1);
+  EXPECT_LT(loadApplicationFont("fonts/broken.ttf", "Tag-C"), 0);
+  const QString dir = t.root + "/fonts/";
+  EXPECT_EQ(log.lines,
+            (QStringList{"W [Varkel] Font file missing: Tag-A absolutePath: " + dir + "none.ttf",
+                         "W [Varkel] Font file missing: Tag-B absolutePath: " + dir + "folder.ttf",
+                         "W [Varkel] addApplicationFont failed: Tag-C absolutePath: " + dir + "broken.ttf id: -1"}));
+
+  // Without any font file the family is empty and each font is reported once.
+  ASSERT_TRUE(QDir("fonts").removeRecursively());
+  MessageCapture none;
+  EXPECT_TRUE(LoadVarkelFonts().isEmpty());
+  EXPECT_EQ(
+      none.lines,
+      (QStringList{"W [Varkel] Font file missing: Roboto-Bold absolutePath: " + dir + "Roboto-Bold-3.ttf",
+                   "W [Varkel] Font file missing: Roboto-Regular absolutePath: " + dir + "Roboto-Regular-14.ttf"}));
+}
+
+TEST(FontLoader, TheInstallRootsFontsGiveTheRobotoFamily) {
+  App();
+  const QString root = QStringLiteral(VARKEL_BINARY_DIR);
+  if (!QFile::exists(root + "/fonts/Roboto-Regular-14.ttf")) GTEST_SKIP() << "fonts-roboto-unhinted not installed";
+  ASSERT_TRUE(QDir::setCurrent(root));
+  MessageCapture log;
+  EXPECT_EQ(LoadVarkelFonts(), QStringLiteral("Roboto"));
+  EXPECT_TRUE(log.lines.isEmpty());
+  EXPECT_TRUE(QFontDatabase().styles("Roboto").contains("Bold"));
 }
 
 }  // namespace

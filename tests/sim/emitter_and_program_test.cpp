@@ -1,112 +1,75 @@
 // The UDP emitter on a loopback socket, the command line, and the program itself.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <cstdlib>
-#include <fstream>
+#include <tuple>
 
 #include "sim_cli.h"
 #include "sim_test_support.h"
-#include "virtual_lidar.h"
 
 using varkel::sim::FailureMode;
-using varkel::sim::SimOptions;
 using varkel::sim::VirtualLidar;
 
 namespace {
 
-class UdpReceiver {
- public:
-  explicit UdpReceiver(const char* bind_addr = "127.0.0.1") {
-    fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-    const int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    inet_pton(AF_INET, bind_addr, &a.sin_addr);
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    socklen_t len = sizeof(a);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len);
-    port_ = ntohs(a.sin_port);
+// Unicast to loopback, and to a multicast group joined on loopback.
+class SimUdpEmitter : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
+  const bool multicast = GetParam() != "127.0.0.1";
+  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(multicast ? INADDR_ANY : INADDR_LOOPBACK);
+  socklen_t len = sizeof(a);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  ip_mreq m{};
+  inet_pton(AF_INET, GetParam().c_str(), &m.imr_multiaddr);
+  m.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
+  if (multicast && setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof(m)) != 0) {
+    ::close(fd);
+    GTEST_SKIP() << "no multicast on the loopback interface here";
   }
-  ~UdpReceiver() { ::close(fd_); }
-  int fd() const { return fd_; }
-  uint16_t port() const { return port_; }
-  std::vector<uint8_t> Receive(int timeout_ms) {
-    pollfd p{fd_, POLLIN, 0};
-    if (::poll(&p, 1, timeout_ms) <= 0) return {};
+  auto o = simtest::Options();
+  o.udp_target = GetParam() + ":" + std::to_string(ntohs(a.sin_port));
+  o.udp_rate = 50;
+  auto sim = simtest::StartSim(o);
+  // The next datagram, or nothing after timeout_ms.
+  auto receive = [fd](int timeout_ms) {
+    pollfd p{fd, POLLIN, 0};
     std::vector<uint8_t> buf(2048);
-    const ssize_t n = ::recv(fd_, buf.data(), buf.size(), 0);
+    const ssize_t n = ::poll(&p, 1, timeout_ms) > 0 ? ::recv(fd, buf.data(), buf.size(), 0) : 0;
     buf.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return buf;
+  };
+  const auto first = receive(10000);
+  const auto second = receive(10000);
+  ASSERT_EQ(first.size(), 16u + 100u * 5u);
+  ASSERT_EQ(second.size(), first.size());
+  EXPECT_EQ(std::vector<uint8_t>(first.begin(), first.begin() + 4), simtest::Hex("A5 5A 01 64"));
+  // Bytes 4..7 number the packets, big-endian.
+  auto sequence = [](const std::vector<uint8_t>& d) {
+    return (uint32_t{d[4]} << 24) | (uint32_t{d[5]} << 16) | (uint32_t{d[6]} << 8) | d[7];
+  };
+  EXPECT_EQ(sequence(second), sequence(first) + 1);
+
+  sim->SetLinkLost(true);
+  for (int i = 0; i < 100 && !receive(300).empty(); ++i) {
   }
-
- private:
-  int fd_ = -1;
-  uint16_t port_ = 0;
-};
-
-uint32_t Sequence(const std::vector<uint8_t>& d) {
-  return (uint32_t{d[4]} << 24) | (uint32_t{d[5]} << 16) | (uint32_t{d[6]} << 8) | d[7];
+  EXPECT_TRUE(receive(300).empty());
+  sim->SetLinkLost(false);
+  EXPECT_FALSE(receive(10000).empty());
+  ::close(fd);
 }
 
-TEST(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
-  UdpReceiver rx;
-  SimOptions o;
-  o.model = "SimTest";
-  o.config_dir = simtest::TestDataDir();
-  o.port = 0;
-  o.udp_target = "127.0.0.1:" + std::to_string(rx.port());
-  o.udp_rate = 50;
-  VirtualLidar sim(o);
-  std::string error;
-  ASSERT_TRUE(sim.Start(&error)) << error;
-  const auto a = rx.Receive(10000);
-  const auto b = rx.Receive(10000);
-  ASSERT_EQ(a.size(), 16u + 100u * 5u);
-  ASSERT_EQ(b.size(), a.size());
-  EXPECT_EQ(std::vector<uint8_t>(a.begin(), a.begin() + 4), simtest::Hex("A5 5A 01 64"));
-  EXPECT_EQ(Sequence(b), Sequence(a) + 1);
+INSTANTIATE_TEST_SUITE_P(Targets, SimUdpEmitter, ::testing::Values("127.0.0.1", "239.255.42.99"),
+                         [](const auto& info) { return info.index ? "Multicast" : "Unicast"; });
 
-  sim.SetLinkLost(true);
-  while (!rx.Receive(300).empty()) {
-  }
-  EXPECT_TRUE(rx.Receive(300).empty());
-  sim.SetLinkLost(false);
-  EXPECT_FALSE(rx.Receive(10000).empty());
-  sim.Stop();
-}
-
-TEST(SimUdpEmitter, SendsToAMulticastGroup) {
-  UdpReceiver rx("0.0.0.0");
-  ip_mreq m{};
-  inet_pton(AF_INET, "239.255.42.99", &m.imr_multiaddr);
-  m.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
-  if (setsockopt(rx.fd(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof(m)) != 0)
-    GTEST_SKIP() << "no multicast on the loopback interface here";
-  SimOptions o;
-  o.model = "SimTest";
-  o.config_dir = simtest::TestDataDir();
-  o.port = 0;
-  o.udp_target = "239.255.42.99:" + std::to_string(rx.port());
-  o.udp_rate = 50;
-  VirtualLidar sim(o);
-  std::string error;
-  ASSERT_TRUE(sim.Start(&error)) << error;
-  EXPECT_EQ(rx.Receive(10000).size(), 516u);
-}
-
-TEST(SimCommandLine, ParsesOptionsAndRefusesNonsense) {
+TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   using varkel::sim::ParseSimCommandLine;
   varkel::sim::SimCommandLine cl;
   std::string error;
@@ -114,52 +77,34 @@ TEST(SimCommandLine, ParsesOptionsAndRefusesNonsense) {
                                    "127.0.0.1:2368", "--fail", "delay:0x07:500", "--fail", "no-reply", "--verbose"},
                                   &cl, &error))
       << error;
-  EXPECT_EQ(cl.options.model, "Zelto-KTC");
-  EXPECT_EQ(cl.options.port, 0);
-  EXPECT_EQ(cl.options.ktc_version, 2);
-  EXPECT_TRUE(cl.options.serial);
-  EXPECT_EQ(cl.options.udp_rate, 10);
-  EXPECT_TRUE(cl.options.verbose);
+  const auto& op = cl.options;
+  EXPECT_EQ(std::make_tuple(op.model, op.port, op.ktc_version, op.serial, op.udp_target, op.udp_rate, op.verbose),
+            std::make_tuple(std::string("Zelto-KTC"), uint16_t{0}, 2, true, std::string("127.0.0.1:2368"), 10, true));
   ASSERT_EQ(cl.failures.size(), 2u);
-  EXPECT_EQ(cl.failures[0].mode, FailureMode::kDelay);
-  EXPECT_EQ(cl.failures[0].cmd, 7);
-  EXPECT_EQ(cl.failures[0].param, 500);
-  EXPECT_EQ(cl.failures[1].cmd, -1);
+  EXPECT_EQ(std::make_tuple(cl.failures[0].mode, cl.failures[0].cmd, cl.failures[0].param),
+            std::make_tuple(FailureMode::kDelay, 7, 500));
+  EXPECT_EQ(std::make_tuple(cl.failures[1].mode, cl.failures[1].cmd), std::make_tuple(FailureMode::kNoReply, -1));
 
-  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--port", "70000"},
-                                              {"--ktc-version", "3"},
-                                              {"--fail", "explode"},
-                                              {"--fail", "delay:0x100"},
-                                              {"--model"},
-                                              {"--frobnicate"},
-                                              {"--rate", "0"}}) {
+  const std::vector<std::vector<std::string>> bad_lines = {
+      {"--port", "70000"}, {"--ktc-version", "3"}, {"--fail", "explode"}, {"--fail", "delay:0x100"},
+      {"--model"},         {"--frobnicate"},       {"--rate", "0"},
+  };
+  for (const auto& bad : bad_lines) {
     varkel::sim::SimCommandLine c;
     error.clear();
     EXPECT_FALSE(ParseSimCommandLine(bad, &c, &error)) << bad[0];
     EXPECT_FALSE(error.empty());
   }
+
+  // The default tables lie beside the program's bin folder when they are there (the build
+  // tree is laid out as an install root).
+  EXPECT_EQ(varkel::sim::DefaultConfigDir(VARKEL_BINARY_DIR "/bin/varkel-sim"), VARKEL_BINARY_DIR "/Config/varID");
+  EXPECT_EQ(varkel::sim::DefaultConfigDir("/nonexistent/bin/varkel-sim"), "./Config/varID");
 }
 
-TEST(SimCommandLine, DefaultTablesLieBesideTheProgramsBinFolder) {
-  char tmpl[] = "/tmp/varkel-sim-root-XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  const std::string root = tmpl;
-  EXPECT_EQ(varkel::sim::DefaultConfigDir(root + "/bin/varkel-sim"), "./Config/varID");
-  ASSERT_EQ(::mkdir((root + "/Config").c_str(), 0755), 0);
-  ASSERT_EQ(::mkdir((root + "/Config/varID").c_str(), 0755), 0);
-  EXPECT_EQ(varkel::sim::DefaultConfigDir(root + "/bin/varkel-sim"), root + "/Config/varID");
-  ::rmdir((root + "/Config/varID").c_str());
-  ::rmdir((root + "/Config").c_str());
-  ::rmdir(root.c_str());
-}
-
-// Runs the program with args; returns its exit status and everything it printed.
-struct ProgramRun {
-  int status = -1;
-  std::string output;
-};
-
-ProgramRun RunProgram(std::vector<std::string> args, bool interrupt_when_running) {
+// Runs the program; returns its exit status (-1 when it did not exit) and everything it
+// printed. With `interrupt` it gets Ctrl-C once it says it is running.
+int RunProgram(std::vector<std::string> args, bool interrupt, std::string* output) {
   int out[2];
   EXPECT_EQ(::pipe(out), 0);
   const std::string exe = std::string(VARKEL_BINARY_DIR) + "/bin/varkel-sim";
@@ -167,7 +112,6 @@ ProgramRun RunProgram(std::vector<std::string> args, bool interrupt_when_running
   if (pid == 0) {
     ::dup2(out[1], 1);
     ::dup2(out[1], 2);
-    ::close(out[0]);
     std::vector<char*> argv{const_cast<char*>(exe.c_str())};
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -175,48 +119,42 @@ ProgramRun RunProgram(std::vector<std::string> args, bool interrupt_when_running
     _exit(127);
   }
   ::close(out[1]);
-  ProgramRun run;
-  bool interrupted = false;
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  for (;;) {
+  bool interrupted = false;
+  char buf[512];
+  for (ssize_t n = 1; n > 0 && std::chrono::steady_clock::now() < end;) {
     pollfd p{out[0], POLLIN, 0};
-    if (::poll(&p, 1, 100) > 0) {
-      char buf[512];
-      const ssize_t n = ::read(out[0], buf, sizeof(buf));
-      if (n <= 0) break;
-      run.output.append(buf, static_cast<size_t>(n));
-    }
-    if (interrupt_when_running && !interrupted && run.output.find("running;") != std::string::npos) {
-      ::kill(pid, SIGINT);
-      interrupted = true;
-    }
-    if (std::chrono::steady_clock::now() > end) {
-      ::kill(pid, SIGKILL);
-      break;
-    }
+    if (::poll(&p, 1, 100) > 0 && (n = ::read(out[0], buf, sizeof(buf))) > 0) output->append(buf, n);
+    if (interrupt && !interrupted && output->find("running;") != std::string::npos)
+      interrupted = ::kill(pid, SIGINT) == 0;
   }
   ::close(out[0]);
+  if (std::chrono::steady_clock::now() >= end) ::kill(pid, SIGKILL);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(SimProgram, HelpErrorsAndACleanCtrlC) {
-  ProgramRun help = RunProgram({"--help"}, false);
-  EXPECT_EQ(help.status, 0);
-  EXPECT_NE(help.output.find("--ktc-version 1|2"), std::string::npos);
-  EXPECT_NE(help.output.find("slow-drip"), std::string::npos);
+  std::string help, missing, in_use, ok;
+  EXPECT_EQ(RunProgram({"--help"}, false, &help), 0);
+  EXPECT_NE(help.find("--ktc-version 1|2"), std::string::npos);
+  EXPECT_NE(help.find("slow-drip"), std::string::npos);
 
-  ProgramRun missing = RunProgram({"--model", "Absent", "--config-dir", simtest::TestDataDir()}, false);
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.output.find("model table not found: " + simtest::TestDataDir() + "/Absent.csv"), std::string::npos);
+  EXPECT_EQ(RunProgram({"--model", "Absent", "--config-dir", simtest::kTestDataDir}, false, &missing), 1);
+  EXPECT_NE(missing.find("model table not found: " + simtest::kTestDataDir + "/Absent.csv"), std::string::npos);
 
-  ProgramRun ok =
-      RunProgram({"--model", "SimTest", "--config-dir", simtest::TestDataDir(), "--port", "0", "--serial"}, true);
-  EXPECT_EQ(ok.status, 0) << ok.output;
-  EXPECT_NE(ok.output.find("serial commands (UART) on /dev/pts/"), std::string::npos) << ok.output;
-  EXPECT_NE(ok.output.find("stopping"), std::string::npos);
+  auto busy = simtest::StartSim(simtest::Options());
+  const std::string port = std::to_string(busy->port());
+  std::vector<std::string> args{"--model", "SimTest", "--config-dir", simtest::kTestDataDir, "--port", port};
+  EXPECT_EQ(RunProgram(args, false, &in_use), 1);
+  EXPECT_NE(in_use.find("varkel-sim: port " + port + " on 127.0.0.1 is already in use"), std::string::npos) << in_use;
+
+  args[5] = "0";
+  args.push_back("--serial");
+  EXPECT_EQ(RunProgram(args, true, &ok), 0) << ok;
+  EXPECT_NE(ok.find("serial commands (UART) on /dev/pts/"), std::string::npos) << ok;
+  EXPECT_NE(ok.find("stopping"), std::string::npos);
 }
 
 }  // namespace

@@ -11,8 +11,7 @@
 namespace {
 
 std::string RangaTable() {
-  return "GroupID,Index,Get,Set,SetIndex,VarName,Permission,VarType,DefaultValue,Options,Unit,Coefficient,"
-         "OptionDescription,FunctionModule,VarLen,TimerUpdate,SetCoefficient,GetCmdPayload\n"
+  return vktest::kTableHeader +
          "0,Checks,All,,,,,,,,,,,,,,,\n"
          "1,1,0x01,0x31,0,R1,1,uint8,50,1~100,,,,1_1_1_1,1,0,,\n"
          "1,2,0x01,0x31,1,R0,1,uint16,0,0~100,,,,1_1_2_1,2,0,,\n"
@@ -27,26 +26,25 @@ std::string RangaTable() {
 
 const std::vector<std::string> kRows{"R1", "R0", "R10", "Raw4", "Addr", "Mac", "Name", "Locked", "Free"};
 
-class ManagerRange : public ::testing::Test {
+class ManagerRange : public vktest::ManagerTest {
  protected:
   void SetUp() override {
-    vktest::EnsureApp();
-    const std::string root = vktest::MakeInstallRoot();
-    vktest::WriteTable(root, "Ranga", RangaTable());
-    m_.InitConfigFileParser("Ranga");
-    QObject::connect(&m_, &VarkelManager::someVarOutOfRange,
+    ManagerTest::SetUp();
+    vktest::WriteTable(root_, "Ranga", RangaTable());
+    m_ = std::make_unique<vktest::TestManager>();
+    m_->InitConfigFileParser("Ranga");
+    QObject::connect(m_.get(), &VarkelManager::someVarOutOfRange,
                      [this](QString name) { reported_.push_back(name.toStdString()); });
-    QObject::connect(&m_, &VarkelManager::sendLogMessage, [this](QString msg, QString type) {
+    QObject::connect(m_.get(), &VarkelManager::sendLogMessage, [this](QString msg, QString type) {
       if (type == "WARNING") warnings_.push_back(msg.toStdString());
     });
   }
 
   void Set(const std::string& name, const std::string& value) {
     for (size_t i = 0; i < kRows.size(); ++i)
-      if (kRows[i] == name) m_.SetText(1, 0, 0, static_cast<int>(i), QString::fromStdString(value));
+      if (kRows[i] == name) m_->SetText(1, 0, 0, static_cast<int>(i), QString::fromStdString(value));
   }
 
-  vktest::TestManager m_;
   std::vector<std::string> reported_;
   std::vector<std::string> warnings_;
 };
@@ -65,10 +63,10 @@ TEST_F(ManagerRange, SingleCheckScalesByTheSetCoefficientAndSkipsBoundsOfZero) {
   };
   for (const auto& c : cases) {
     Set(c.name, c.value);
-    EXPECT_EQ(m_.CheckVarIsWithinRange(c.name), c.ok) << c.name << " = '" << c.value << "'";
+    EXPECT_EQ(m_->CheckVarIsWithinRange(c.name), c.ok) << c.name << " = '" << c.value << "'";
   }
-  EXPECT_TRUE(m_.CheckVarIsWithinRange("No Such Variable"));
-  EXPECT_FALSE(m_.CheckVarIsWithinRange("1-1", "var_id"));  // R1, still 1e20
+  EXPECT_TRUE(m_->CheckVarIsWithinRange("No Such Variable"));
+  EXPECT_FALSE(m_->CheckVarIsWithinRange("1-1", "var_id"));  // R1, still 1e20
 }
 
 TEST_F(ManagerRange, PageCheckReportsEveryFailingVariable) {
@@ -93,15 +91,13 @@ TEST_F(ManagerRange, PageCheckReportsEveryFailingVariable) {
       {{{"R1", "abc"}, {"R10", "500"}}, false, {}, {}},
   };
   for (const auto& c : cases) {
-    for (const auto& good : std::vector<std::pair<std::string, std::string>>{
-             {"R1", "50"}, {"R10", "5"}, {"Raw4", "ABCD"}, {"Addr", "192.168.1.1"}, {"Mac", "00:1A:2B:3C:4D:5E"}})
-      Set(good.first, good.second);
+    m_->InitConfigFileParser("Ranga");  // every value back to its default
     for (const auto& v : c.values) Set(v.first, v.second);
     reported_.clear();
     warnings_.clear();
-    EXPECT_EQ(m_.CheckModuleVarsWithinRange(0), c.ok) << ::testing::PrintToString(c.values);
+    EXPECT_EQ(m_->CheckModuleVarsWithinRange(0), c.ok) << ::testing::PrintToString(c.values);
     EXPECT_EQ(reported_, c.reported) << ::testing::PrintToString(c.values);
     if (!c.warnings.empty()) EXPECT_EQ(warnings_, c.warnings);
   }
-  EXPECT_TRUE(m_.CheckModuleVarsWithinRange(1));  // no such page: nothing to judge
+  EXPECT_TRUE(m_->CheckModuleVarsWithinRange(1));  // no such page: nothing to judge
 }

@@ -1,10 +1,14 @@
 #include "manager_test_support.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QFile>
+#include <QMetaMethod>
 #include <QStandardPaths>
 #include <QThread>
 
 #include <unistd.h>
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
@@ -30,10 +34,6 @@ const std::string kHome = [] {
 
 }  // namespace
 
-std::string IsolatedHome() {
-  return kHome;
-}
-
 void EnsureApp() {
   static int argc = 1;
   static char name[] = "varkel_manager_test";
@@ -45,20 +45,12 @@ void EnsureApp() {
     throw std::runtime_error("settings path escapes the test home: " + settings.toStdString());
 }
 
-std::string MakeInstallRoot() {
-  std::string root = MakeTempDir("vk-mgr-root-");
-  QDir().mkpath(QString::fromStdString(root + "/Config/varID"));
-  if (chdir(root.c_str()) != 0) throw std::runtime_error("chdir failed");
-  return root;
-}
-
 void WriteTable(const std::string& root, const std::string& model, const std::string& csv) {
   std::ofstream(root + "/Config/varID/" + model + ".csv") << csv;
 }
 
 std::string TestaTable() {
-  return "GroupID,Index,Get,Set,SetIndex,VarName,Permission,VarType,DefaultValue,Options,Unit,Coefficient,"
-         "OptionDescription,FunctionModule,VarLen,TimerUpdate,SetCoefficient,GetCmdPayload\n"
+  return kTableHeader +
          // Page 1 "Device" with groups Identity and Network; page 2 "Status" with Live.
          "0,Device,Identity,Network,,,,,,,,,,,,,,\n"
          "0,Status,Live,,,,,,,,,,,,,,,\n"
@@ -84,27 +76,30 @@ std::string TestaTable() {
          "7,3,0x31,,,Operation Log,0,raw,,,,,,1_1_3_6,0,0,,\n";
 }
 
+std::string WhatOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
 SignalLog::SignalLog(VarkelManager* m) {
-  auto add = [this](const char* name) { return [this, name] { entries_.push_back({name, {}}); }; };
+  using V = VarkelManager;
   const auto q = Qt::QueuedConnection;
-  connect(m, &VarkelManager::isConnectedChanged, this, add("isConnectedChanged"), q);
-  connect(m, &VarkelManager::lidarModelChanged, this, add("lidarModelChanged"), q);
-  connect(m, &VarkelManager::lidarClearModel, this, add("lidarClearModel"), q);
-  connect(m, &VarkelManager::lidarShowModel, this, add("lidarShowModel"), q);
-  connect(m, &VarkelManager::myMapChanged, this, add("myMapChanged"), q);
-  connect(m, &VarkelManager::fovConfigChanged, this, add("fovConfigChanged"), q);
-  connect(m, &VarkelManager::errorMessageChanged, this, add("errorMessageChanged"), q);
-  connect(m, &VarkelManager::successMessageChanged, this, add("successMessageChanged"), q);
-  connect(m, &VarkelManager::lidarModelListChanged, this, add("lidarModelListChanged"), q);
-  connect(m, &VarkelManager::connectTypeChanged, this, add("connectTypeChanged"), q);
-  connect(m, &VarkelManager::zeltoLidarInfoChanged, this, add("zeltoLidarInfoChanged"), q);
-  connect(m, &VarkelManager::myTimerMapChanged, this, add("myTimerMapChanged"), q);
-  connect(
-      m, &VarkelManager::sendLogMessage, this,
-      [this](QString msg, QString type) {
-        entries_.push_back({"sendLogMessage", {msg, type}});
-      },
-      q);
+  for (void (V::*s)() :
+       {&V::isConnectedChanged, &V::lidarModelChanged, &V::lidarClearModel, &V::lidarShowModel, &V::myMapChanged,
+        &V::fovConfigChanged, &V::errorMessageChanged, &V::successMessageChanged, &V::lidarModelListChanged,
+        &V::connectTypeChanged, &V::zeltoLidarInfoChanged, &V::myTimerMapChanged}) {
+    const std::string name = QMetaMethod::fromSignal(s).name().toStdString();
+    connect(
+        m, s, this, [this, name] { entries_.push_back(name); }, q);
+  }
+  auto add_log = [this](QString msg, QString type) {
+    entries_.push_back(type.toStdString() + ": " + msg.toStdString());
+  };
+  connect(m, &V::sendLogMessage, this, add_log, q);
 }
 
 void SignalLog::Flush() {
@@ -121,33 +116,60 @@ bool SignalLog::Wait(const std::function<bool()>& done, std::chrono::millisecond
   }
 }
 
-bool SignalLog::WaitFor(const std::string& name, std::chrono::milliseconds timeout) {
-  return Wait([&] { return Count(name) > 0; }, timeout);
+int SignalLog::Count(const std::string& entry) const {
+  return static_cast<int>(std::count(entries_.begin(), entries_.end(), entry));
 }
 
-int SignalLog::Count(const std::string& name) const {
-  int n = 0;
-  for (const Entry& e : entries_) n += e.name == name;
-  return n;
+bool SignalLog::HasPrefix(const std::string& prefix) const {
+  return std::any_of(entries_.begin(), entries_.end(), [&](const std::string& e) { return e.rfind(prefix, 0) == 0; });
 }
 
-std::vector<std::string> SignalLog::Names() const {
-  std::vector<std::string> names;
-  for (const Entry& e : entries_) names.push_back(e.name);
-  return names;
+void ManagerTest::SetUp() {
+  EnsureApp();
+  QFile::remove(VarkelManager::SettingsFilePath());
+  root_ = MakeTempDir("vk-mgr-root-");
+  QDir().mkpath(QString::fromStdString(root_ + "/Config/varID"));
+  ASSERT_EQ(chdir(root_.c_str()), 0);
 }
 
-std::vector<std::string> SignalLog::LogLines() const {
-  std::vector<std::string> lines;
-  for (const Entry& e : entries_)
-    if (e.name == "sendLogMessage") lines.push_back(e.args[1].toStdString() + ": " + e.args[0].toStdString());
-  return lines;
+void ManagerTest::TearDown() {
+  log_.reset();
+  m_.reset();
+  sim_.reset();
 }
 
-bool SignalLog::HasLog(const std::string& type, const std::string& text) const {
-  for (const std::string& line : LogLines())
-    if (line == type + ": " + text) return true;
-  return false;
+void ManagerTest::Load(const std::string& model, const std::string& csv, bool serial) {
+  WriteTable(root_, model, csv);
+  varkel::sim::SimOptions options;
+  options.model = model;
+  options.config_dir = root_ + "/Config/varID";
+  options.port = 0;
+  options.serial = serial;
+  options.live_values = false;
+  sim_ = std::make_unique<varkel::sim::VirtualLidar>(options);
+  std::string error;
+  EXPECT_TRUE(sim_->Start(&error)) << error;
+  m_ = std::make_unique<TestManager>();
+  m_->InitConfigFileParser(QString::fromStdString(model));
+  log_ = std::make_unique<SignalLog>(m_.get());
+}
+
+void ManagerTest::Aim(VarkelManager& m, const varkel::sim::VirtualLidar& sim) {
+  m.setProperty("ip_address", "127.0.0.1");
+  m.setProperty("port", QString::number(sim.port()));
+}
+
+bool ManagerTest::Connect(VarkelManager& m, const varkel::sim::VirtualLidar& sim, SignalLog& log) {
+  Aim(m, sim);
+  return m.ConnectLidar() &&
+         log.Wait([&] { return m.getIsConnected() && !m.GetIsConnectingLidar() && log.Has("isConnectedChanged"); });
+}
+
+bool ManagerTest::Connect() {
+  if (!Connect(*m_, *sim_, *log_)) return false;
+  sim_->ResetCounters();
+  log_->Clear();
+  return true;
 }
 
 }  // namespace vktest

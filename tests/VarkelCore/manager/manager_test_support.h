@@ -1,32 +1,36 @@
 #pragma once
-// Shared by the controller tests: an isolated home and install root, a model table, a
-// controller the tests may construct themselves, and a thread-safe signal log.
+// Shared by the controller tests: an isolated home and install root, a model table, the
+// virtual lidar, a controller the tests may construct themselves, and a signal log.
 
-#include <QCoreApplication>
 #include <QObject>
 #include <QStringList>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "var_info.h"
 #include "varkel_manager.h"
+#include "virtual_lidar.h"
 
 namespace vktest {
 
 // Creates the application object once (on the main thread). HOME, XDG_CONFIG_HOME and
 // Qt's standard-path test mode are set at start-up, before anything asks for a path.
 void EnsureApp();
-std::string IsolatedHome();
-
-// A fresh install root with "Config/varID/" holding the test tables, made the current
-// directory (the controller finds its tables relative to it).
-std::string MakeInstallRoot();
+inline const std::string kTableHeader =
+    "GroupID,Index,Get,Set,SetIndex,VarName,Permission,VarType,DefaultValue,Options,Unit,Coefficient,"
+    "OptionDescription,FunctionModule,VarLen,TimerUpdate,SetCoefficient,GetCmdPayload\n";
 void WriteTable(const std::string& root, const std::string& model, const std::string& csv);
-// The main test table: two pages, shared get commands, an extended command, two
-// payload variants of one command, switches, standalone rows. Serial models reuse it.
+// Two pages, shared get commands, an extended command, two payload variants of one
+// command, switches, standalone rows. Serial models reuse it.
 std::string TestaTable();
+// The text of the exception `f` throws; "" when it throws none.
+std::string WhatOf(const std::function<void()>& f);
 
 // The program makes its controller through GetInstance only; tests make their own.
 class TestManager : public VarkelManager {
@@ -34,6 +38,7 @@ class TestManager : public VarkelManager {
   TestManager() : VarkelManager(true, "./Config/varID/Testa.csv") {}
   using VarkelManager::GetInfoFromLidarWithSameCmd;
   using VarkelManager::searchVarPtr;
+  using VarkelManager::SetUpgrading;
   using VarkelManager::updateSingleVarFromOutput;
 };
 
@@ -41,26 +46,52 @@ class TestManager : public VarkelManager {
 // is queued to the main thread, so Wait/Flush must run there.
 class SignalLog : public QObject {
  public:
-  struct Entry {
-    std::string name;
-    QStringList args;
-  };
   explicit SignalLog(VarkelManager* manager);
 
   // Processes events until `done` holds or `timeout` passes; returns `done()`.
   bool Wait(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(20));
-  bool WaitFor(const std::string& name, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+  bool WaitFor(const std::string& entry) {
+    return Wait([&] { return Count(entry) > 0; });
+  }
   void Flush();
   void Clear() { entries_.clear(); }
 
-  int Count(const std::string& name) const;
-  std::vector<std::string> Names() const;
-  // Log-pane lines as "TYPE: text".
-  std::vector<std::string> LogLines() const;
-  bool HasLog(const std::string& type, const std::string& text) const;
+  // Signal names in order; log-pane lines appear as "TYPE: text".
+  const std::vector<std::string>& Trace() const { return entries_; }
+  int Count(const std::string& entry) const;
+  bool Has(const std::string& entry) const { return Count(entry) > 0; }
+  bool HasPrefix(const std::string& prefix) const;
 
  private:
-  std::vector<Entry> entries_;
+  std::vector<std::string> entries_;
+};
+
+// A fresh install root with "Config/varID/", made the current directory (the controller
+// finds its tables relative to it), and no settings file.
+class ManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Writes the table, starts the simulator for it (sim_) and a controller with it loaded.
+  void Load(const std::string& model, const std::string& csv, bool serial = false);
+  static void Aim(VarkelManager& m, const varkel::sim::VirtualLidar& sim);
+  // Aims and connects; true once the worker is done and the connection announced.
+  static bool Connect(VarkelManager& m, const varkel::sim::VirtualLidar& sim, SignalLog& log);
+  // Connects m_ to sim_, then zeroes the counters and the log.
+  bool Connect();
+
+  std::string Value(const std::string& name) { return m_->searchVarPtr(name, "var_name")->current_val; }
+  // The text the page shows for the variable at page, group, row.
+  std::string Shown(int page, int group, int row) {
+    return m_->getMyMap()[page].toList()[group].toList()[row].toMap()["current_val"].toString().toStdString();
+  }
+  std::string Error() { return m_->getErrorMessage().toStdString(); }
+
+  std::string root_;
+  std::unique_ptr<varkel::sim::VirtualLidar> sim_;
+  std::unique_ptr<TestManager> m_;
+  std::unique_ptr<SignalLog> log_;
 };
 
 }  // namespace vktest

@@ -12,9 +12,8 @@
 #include <QtQuickTest>
 
 #include <cstdio>
-#include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
@@ -27,58 +26,37 @@ class TestManager : public VarkelManager {
   TestManager() : VarkelManager(true, QStringLiteral("./Config/varID/Quenta.csv")) {}
 };
 
+// Published to the tests as `harness`; also Qt Quick Test's setup object.
 class Harness : public QObject {
   Q_OBJECT
-  Q_PROPERTY(int simPort READ simPort CONSTANT)
 
  public:
   explicit Harness(varkel::sim::VirtualLidar* sim) : sim_(sim) {}
 
-  void SetEngine(QQmlEngine* engine) { engine_ = engine; }
-  int simPort() const { return sim_->port(); }
-
-  // main.qml under `parent`, bound to a new controller that has loaded "Quenta" and was
-  // given `vmName` the way the main window gives the -moduleVM= argument.
-  Q_INVOKABLE QQuickItem* createMainWindow(QQuickItem* parent, const QString& vmName) {
-    Window w;
-    w.manager = new TestManager();
-    w.manager->InitConfigFileParser(QStringLiteral("Quenta"));
-    w.manager->SetVMNowName(vmName);
-    w.context = new QQmlContext(engine_->rootContext());
-    w.context->setContextProperty(QStringLiteral("varkel_manager"), w.manager);
+  // main.qml under `parent` on a new controller with "Quenta" loaded, as in the main window.
+  Q_INVOKABLE QQuickItem* createMainWindow(QQuickItem* parent) {
+    manager_ = new TestManager();
+    manager_->InitConfigFileParser(QStringLiteral("Quenta"));
+    context_ = new QQmlContext(engine_->rootContext());
+    context_->setContextProperty(QStringLiteral("varkel_manager"), manager_);
     QQmlComponent component(engine_, QUrl(QStringLiteral("qrc:/Qml/main.qml")));
-    QObject* created = component.create(w.context);
-    if (created == nullptr) {
+    item_ = qobject_cast<QQuickItem*>(component.create(context_));
+    if (item_ == nullptr)
       std::fprintf(stderr, "main.qml: %s\n", qPrintable(component.errorString()));
-      delete w.context;
-      delete w.manager;
-      return nullptr;
-    }
-    w.item = qobject_cast<QQuickItem*>(created);
-    w.item->setParentItem(parent);
-    windows_.push_back(w);
-    return w.item;
+    else
+      item_->setParentItem(parent);
+    return item_;
   }
+  Q_INVOKABLE QObject* manager() const { return manager_; }
 
-  Q_INVOKABLE void destroyMainWindow(QQuickItem* item) {
-    for (auto it = windows_.begin(); it != windows_.end(); ++it) {
-      if (it->item != item) continue;
-      delete it->item;
-      delete it->manager;
-      delete it->context;
-      windows_.erase(it);
-      // Signals the controller's threads sent just before it stopped are still queued;
-      // deliver them (and the deferred deletions they cause) while their targets are known.
-      QCoreApplication::processEvents();
-      QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-      return;
-    }
-  }
-
-  Q_INVOKABLE QObject* managerOf(QQuickItem* item) const {
-    for (const auto& w : windows_)
-      if (w.item == item) return w.manager;
-    return nullptr;
+  Q_INVOKABLE void destroyMainWindow() {
+    delete std::exchange(item_, nullptr);
+    delete std::exchange(manager_, nullptr);
+    delete std::exchange(context_, nullptr);
+    // Signals the controller's threads sent just before it stopped are still queued;
+    // deliver them (and the deferred deletions they cause) while their targets are known.
+    QCoreApplication::processEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
   }
 
   Q_INVOKABLE QString simValue(const QString& name) const {
@@ -95,54 +73,35 @@ class Harness : public QObject {
   }
   Q_INVOKABLE void resetCounters() { sim_->ResetCounters(); }
 
- private:
-  struct Window {
-    QQuickItem* item = nullptr;
-    TestManager* manager = nullptr;
-    QQmlContext* context = nullptr;
-  };
-  varkel::sim::VirtualLidar* sim_;
-  QQmlEngine* engine_ = nullptr;
-  std::vector<Window> windows_;
-};
-
-class Setup : public QObject {
-  Q_OBJECT
-
- public:
-  explicit Setup(Harness* harness) : harness_(harness) {}
-
  public slots:
   void qmlEngineAvailable(QQmlEngine* engine) {
-    harness_->SetEngine(engine);
-    engine->rootContext()->setContextProperty(QStringLiteral("harness"), harness_);
+    engine_ = engine;
+    engine->rootContext()->setContextProperty(QStringLiteral("harness"), this);
   }
 
  private:
-  Harness* harness_;
+  varkel::sim::VirtualLidar* sim_;
+  QQmlEngine* engine_ = nullptr;
+  QQuickItem* item_ = nullptr;
+  TestManager* manager_ = nullptr;
+  QQmlContext* context_ = nullptr;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Settings go to a private home, so neither the user's own file nor another test's is
-  // read or written; it names the virtual lidar.
+  // A private home: the user's own settings stay untouched, and the tests' name the virtual lidar.
   QTemporaryDir home;
   if (!home.isValid()) return 1;
   qputenv("HOME", home.path().toLocal8Bit());
   qputenv("XDG_CONFIG_HOME", (home.path() + "/.config").toLocal8Bit());
-  qputenv("XDG_RUNTIME_DIR", (home.path() + "/run").toLocal8Bit());
-  QDir().mkpath(home.path() + "/run");
-  QFile::setPermissions(home.path() + "/run", QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   // The offscreen platform has no OpenGL; Qt Quick's software renderer draws instead.
   if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND")) qputenv("QT_QUICK_BACKEND", "software");
-
   // The tables are read from ./Config/varID, as in the program's install root.
   QDir::setCurrent(QStringLiteral(VARKEL_BINARY_DIR));
 
   varkel::sim::SimOptions options;
-  options.model = "Quenta";
   options.config_dir = VARKEL_BINARY_DIR "/Config/varID";
   options.port = 0;
   options.live_values = false;
@@ -152,17 +111,14 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "virtual lidar: %s\n", error.c_str());
     return 1;
   }
-
-  const QString settings_dir = home.path() + "/Documents/VelmoraDataFiles";
-  QDir().mkpath(settings_dir);
-  QFile ini(settings_dir + "/RecvSettings.ini");
+  QDir().mkpath(home.path() + "/Documents/VelmoraDataFiles");
+  QFile ini(home.path() + "/Documents/VelmoraDataFiles/RecvSettings.ini");
   if (!ini.open(QIODevice::WriteOnly)) return 1;
   ini.write(QStringLiteral("[General]\ndevice_ip_address=127.0.0.1\nktc_port=%1\n").arg(sim.port()).toUtf8());
   ini.close();
 
   Harness harness(&sim);
-  Setup setup(&harness);
-  const int status = quick_test_main_with_setup(argc, argv, "app_qml_tests", VARKEL_QML_TEST_DIR, &setup);
+  const int status = quick_test_main_with_setup(argc, argv, "app_qml_tests", VARKEL_QML_TEST_DIR, &harness);
   sim.Stop();
   return status;
 }

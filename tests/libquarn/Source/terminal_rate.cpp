@@ -10,12 +10,11 @@
 namespace quarn::lidar {
 
 uint32_t TerminalRate(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
-  if (fd < 0) return 0;
   termios2 tio{};
-  const int r = ::ioctl(fd, TCGETS2, &tio);
-  ::close(fd);
-  return r == 0 ? tio.c_ospeed : 0;
+  const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY);
+  const bool ok = fd >= 0 && ::ioctl(fd, TCGETS2, &tio) == 0;
+  if (fd >= 0) ::close(fd);
+  return ok ? tio.c_ospeed : 0;
 }
 
 }  // namespace quarn::lidar
