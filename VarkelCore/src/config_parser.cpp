@@ -1,5 +1,7 @@
 #include "config_parser.h"
 
+#include <functional>
+
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
@@ -80,23 +82,18 @@ void ConfigParser::ClearCatalogue() {
 }
 
 bool ConfigParser::Open(const std::string& path) {
-  ClearCatalogue();
-  file_path = path;
-  reader_ = std::make_unique<csv::Reader>();
-  if (reader_->ReadFile(path)) {
-    open_error_.clear();
-    return true;
-  }
-  open_error_ = reader_->error();
-  reader_.reset();
-  return false;
+  return OpenWith(path, [&](csv::Reader& reader) { return reader.ReadFile(path); });
 }
 
 bool ConfigParser::OpenText(const std::string& text, const std::string& name) {
+  return OpenWith(name, [&](csv::Reader& reader) { return reader.ReadText(text); });
+}
+
+bool ConfigParser::OpenWith(const std::string& name, const std::function<bool(csv::Reader&)>& read) {
   ClearCatalogue();
   file_path = name;
   reader_ = std::make_unique<csv::Reader>();
-  if (reader_->ReadText(text)) {
+  if (read(*reader_)) {
     open_error_.clear();
     return true;
   }

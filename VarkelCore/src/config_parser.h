@@ -4,6 +4,7 @@
 // their groups, the switches, and where each variable lies in each payload.
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -123,6 +124,9 @@ class ConfigParser {
     kColumnCount
   };
   const std::string& Cell(const csv::Row& row, Column column) const;
+
+  // Opens a fresh reader named `name` (a path, or a label for text) with `read`.
+  bool OpenWith(const std::string& name, const std::function<bool(csv::Reader&)>& read);
 
   std::unique_ptr<csv::Reader> reader_;
   long column_positions_[kColumnCount] = {};
