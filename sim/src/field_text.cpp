@@ -151,7 +151,7 @@ std::optional<std::vector<uint8_t>> EncodeHwver(const std::string& text, size_t 
   }
   if (rev.size() > 10) return std::nullopt;
   std::vector<uint8_t> out(16, 0);
-  for (int i = 0; i < 3; ++i) PutU16(out, static_cast<size_t>(2 * i), v[i]);
+  for (int i = 0; i < 3; ++i) PutU16(out, 2 * static_cast<size_t>(i), v[i]);
   std::memcpy(out.data() + 6, rev.data(), rev.size());
   return out;
 }
@@ -166,7 +166,7 @@ std::optional<std::vector<uint8_t>> EncodeSwverYmd(const std::string& text, size
   if (std::sscanf(rest.c_str(), " (%u-%u-%u%c", &y, &m, &d, &close) != 4 || close != ')') return std::nullopt;
   if (y > 0xFFFF || m < 1 || m > 12 || d < 1 || d > 31) return std::nullopt;
   std::vector<uint8_t> out(16, 0);
-  for (int i = 0; i < 3; ++i) PutU16(out, static_cast<size_t>(2 * i), v[i]);
+  for (int i = 0; i < 3; ++i) PutU16(out, 2 * static_cast<size_t>(i), v[i]);
   PutU16(out, 6, y);
   out[8] = static_cast<uint8_t>(m);
   out[9] = static_cast<uint8_t>(d);

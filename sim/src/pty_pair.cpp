@@ -1,4 +1,5 @@
 #include "pty_pair.h"
+#include "platform/net.h"
 
 #include <fcntl.h>
 #include <termios.h>
@@ -16,7 +17,7 @@ PtyPair::~PtyPair() {
 
 bool PtyPair::Open(std::string* error) {
   auto fail = [&](const char* what) {
-    if (error) *error = std::string(what) + ": " + std::strerror(errno);
+    if (error) *error = std::string(what) + ": " + quarn::lidar::net::ErrorText(errno);
     Close();
     return false;
   };

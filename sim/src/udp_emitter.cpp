@@ -56,7 +56,7 @@ bool UdpEmitter::Start(const std::string& target, int rate, std::string* error) 
   net::Startup();
   fd_ = socket(AF_INET, SOCK_DGRAM, 0);
   if (fd_ < 0) {
-    if (error) *error = std::string("udp socket: ") + std::strerror(errno);
+    if (error) *error = std::string("udp socket: ") + quarn::lidar::net::ErrorText(errno);
     net::Cleanup();
     return false;
   }

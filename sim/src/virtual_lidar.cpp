@@ -124,7 +124,7 @@ bool VirtualLidar::StartKtc(std::string* error) {
     net::Cleanup();
     return false;
   };
-  if (listen_fd_ < 0) return fail(std::string("socket: ") + std::strerror(errno));
+  if (listen_fd_ < 0) return fail(std::string("socket: ") + net::ErrorText(errno));
   // Reuse lets a restarted simulator take its port back from connections in TIME_WAIT;
   // a port another program listens on still refuses the bind.
   const int one = 1;
@@ -136,9 +136,9 @@ bool VirtualLidar::StartKtc(std::string* error) {
   if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
     const int err = errno;
     if (err == EADDRINUSE) return fail("port " + std::to_string(opt_.port) + " on " + opt_.host + " is already in use");
-    return fail("cannot bind " + opt_.host + ":" + std::to_string(opt_.port) + ": " + std::strerror(err));
+    return fail("cannot bind " + opt_.host + ":" + std::to_string(opt_.port) + ": " + net::ErrorText(err));
   }
-  if (::listen(listen_fd_, 8) != 0) return fail(std::string("listen: ") + std::strerror(errno));
+  if (::listen(listen_fd_, 8) != 0) return fail(std::string("listen: ") + net::ErrorText(errno));
   socklen_t len = sizeof(addr);
   getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
   port_.store(ntohs(addr.sin_port));

@@ -1,4 +1,5 @@
 #include "tcp_ssl_client.h"
+#include "platform/net.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -86,7 +87,7 @@ int tcp_open(const char* ip, int port) {
   if (s < 0) {
     const int err = errno;
     net::Cleanup();
-    LOG_ERROR("socket errno:%d, %s", err, std::strerror(err));
+    LOG_ERROR("socket errno:%d, %s", err, net::ErrorText(err).c_str());
     return -1;
   }
   sockaddr_in addr{};
@@ -97,7 +98,7 @@ int tcp_open(const char* ip, int port) {
   }
   if (::connect(s, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
     const int err = errno;
-    LOG_ERROR("connect errno:%d, %s", err, std::strerror(err));
+    LOG_ERROR("connect errno:%d, %s", err, net::ErrorText(err).c_str());
     CloseWithCleanup(s);
     return -1;
   }

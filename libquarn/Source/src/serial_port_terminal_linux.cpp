@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "platform/net.h"
 #include "serial_port.h"
 
 namespace quarn::lidar {
@@ -121,7 +122,7 @@ class TerminalSerialPort final : public SerialPort {
 
  private:
   int Fail(const char* what) {
-    SetLastError(std::string(what) + ": " + std::strerror(errno));
+    SetLastError(std::string(what) + ": " + quarn::lidar::net::ErrorText(errno));
     return -1;
   }
   int FailAndClose(const char* what) {

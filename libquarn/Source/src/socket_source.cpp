@@ -1,4 +1,5 @@
 #include "socket_source.h"
+#include "platform/net.h"
 
 #include <arpa/inet.h>
 #include <sys/select.h>
@@ -51,7 +52,7 @@ bool SocketSource::Open() {
   int granted = 0;
   socklen_t granted_size = sizeof(granted);
   if (getsockopt(sock_, SOL_SOCKET, SO_RCVBUF, &granted, &granted_size) != 0) {
-    LOG_WARNING("getsockopt error=%d(%s)!!!", errno, std::strerror(errno));
+    LOG_WARNING("getsockopt error=%d(%s)!!!", errno, net::ErrorText(errno).c_str());
   }
   LOG_PROGRESS("OS current udp socket recv buff size is: %d", granted);
 

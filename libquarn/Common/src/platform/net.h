@@ -4,6 +4,7 @@
 // replaces net_posix.cpp (start-up/clean-up become WSAStartup/WSACleanup there).
 
 #include <cstdint>
+#include <string>
 
 namespace quarn::lidar::net {
 
@@ -27,5 +28,7 @@ int LastSocketError();
 bool IsWouldBlock(int err);
 bool IsInProgress(int err);
 bool IsInterrupted(int err);
+// The system's text for an error number; safe to call from any thread, unlike strerror.
+std::string ErrorText(int err);
 
 }  // namespace quarn::lidar::net

@@ -7,10 +7,19 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 
 namespace quarn::lidar::net {
 namespace {
 std::atomic<int> g_startups{0};
+
+// strerror_r comes in two flavours (GNU returns the text, XSI fills the buffer).
+[[maybe_unused]] const char* PickErrorText(const char* text, const char*) {
+  return text;
+}
+[[maybe_unused]] const char* PickErrorText(int rc, const char* buffer) {
+  return rc == 0 ? buffer : "unknown error";
+}
 
 bool SetTimeout(socket_t s, int option, uint32_t ms) {
   timeval tv{};
@@ -25,11 +34,17 @@ bool Startup() {
   return true;
 }
 
-void Cleanup() { g_startups.fetch_sub(1); }
+void Cleanup() {
+  g_startups.fetch_sub(1);
+}
 
-int StartupBalance() { return g_startups.load(); }
+int StartupBalance() {
+  return g_startups.load();
+}
 
-int CloseSocket(socket_t s) { return ::close(s); }
+int CloseSocket(socket_t s) {
+  return ::close(s);
+}
 
 bool SetNonBlocking(socket_t s, bool non_blocking) {
   const int flags = fcntl(s, F_GETFL, 0);
@@ -38,12 +53,29 @@ bool SetNonBlocking(socket_t s, bool non_blocking) {
   return fcntl(s, F_SETFL, wanted) == 0;
 }
 
-bool SetReceiveTimeoutMs(socket_t s, uint32_t ms) { return SetTimeout(s, SO_RCVTIMEO, ms); }
-bool SetSendTimeoutMs(socket_t s, uint32_t ms) { return SetTimeout(s, SO_SNDTIMEO, ms); }
+bool SetReceiveTimeoutMs(socket_t s, uint32_t ms) {
+  return SetTimeout(s, SO_RCVTIMEO, ms);
+}
+bool SetSendTimeoutMs(socket_t s, uint32_t ms) {
+  return SetTimeout(s, SO_SNDTIMEO, ms);
+}
 
-int LastSocketError() { return errno; }
-bool IsWouldBlock(int err) { return err == EWOULDBLOCK || err == EAGAIN; }
-bool IsInProgress(int err) { return err == EINPROGRESS; }
-bool IsInterrupted(int err) { return err == EINTR; }
+int LastSocketError() {
+  return errno;
+}
+bool IsWouldBlock(int err) {
+  return err == EWOULDBLOCK || err == EAGAIN;
+}
+bool IsInProgress(int err) {
+  return err == EINPROGRESS;
+}
+bool IsInterrupted(int err) {
+  return err == EINTR;
+}
+
+std::string ErrorText(int err) {
+  char buffer[256] = {};
+  return PickErrorText(strerror_r(err, buffer, sizeof(buffer)), buffer);
+}
 
 }  // namespace quarn::lidar::net
