@@ -19,8 +19,13 @@ const char kNetworkFailure[] = "Connection Failed. Please check your network set
 
 class ManagerConnection : public vktest::ManagerTest {
  protected:
+  // A failed attempt sends its notice, then its log line, then clears the flag; the
+  // two signals arrive queued, so wait for both.
   bool AttemptOver() {
-    return log_->Wait([&] { return log_->Has("errorMessageChanged") && !m_->GetIsConnectingLidar(); });
+    return log_->Wait([&] {
+      return log_->Has("errorMessageChanged") && log_->HasPrefix("ERROR: Connection Error: ") &&
+             !m_->GetIsConnectingLidar();
+    });
   }
   // Stops on the UI thread and returns what it announced.
   Trace StopTrace() {
