@@ -103,20 +103,15 @@ bool ConfigParser::OpenWith(const std::string& name, const std::function<bool(cs
 }
 
 void ConfigParser::Load(const std::string& path) {
-  if (!Open(path)) throw ConfigLoadError(path, 0, open_error_);
-  try {
-    ExtractConfigInfo();
-  } catch (const std::exception& e) {
-    const int row = current_row_;
-    ClearCatalogue();
-    reader_.reset();
-    throw ConfigLoadError(path, row, e.what());
-  }
-  reader_.reset();  // the rows are in the catalogue now
+  ExtractOrThrow(path, Open(path));
 }
 
 void ConfigParser::LoadText(const std::string& text, const std::string& name) {
-  if (!OpenText(text, name)) throw ConfigLoadError(name, 0, open_error_);
+  ExtractOrThrow(name, OpenText(text, name));
+}
+
+void ConfigParser::ExtractOrThrow(const std::string& name, bool opened) {
+  if (!opened) throw ConfigLoadError(name, 0, open_error_);
   try {
     ExtractConfigInfo();
   } catch (const std::exception& e) {

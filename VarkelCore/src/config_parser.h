@@ -125,6 +125,8 @@ class ConfigParser {
   };
   const std::string& Cell(const csv::Row& row, Column column) const;
 
+  // Builds the catalogue from the open reader, or throws naming `name`, the row and the reason.
+  void ExtractOrThrow(const std::string& name, bool opened);
   // Opens a fresh reader named `name` (a path, or a label for text) with `read`.
   bool OpenWith(const std::string& name, const std::function<bool(csv::Reader&)>& read);
 

@@ -150,14 +150,20 @@ Stats QueryRoundTrips(bool literal, int count) {
   return Summarise(std::move(us));
 }
 
-Stats RawRoundTrips(int count) {
-  ImmediatePeer peer(kReplyPayload);
+// A bare blocking TCP socket to a loopback port: the floor the client is compared with.
+int ConnectLoopback(uint16_t port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(peer.port());
+  addr.sin_port = htons(port);
   if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) std::exit(1);
+  return fd;
+}
+
+Stats RawRoundTrips(int count) {
+  ImmediatePeer peer(kReplyPayload);
+  const int fd = ConnectLoopback(peer.port());
   Bytes request = {0x47, 0x74, 0x07, 0, 0, 0, 0, kQueryPayload, 1, 1, 1, 1};
   Bytes reply(8 + kReplyPayload);
   std::vector<double> us;
@@ -198,12 +204,7 @@ double TransferMBps(bool literal, size_t bytes) {
 // The same frames as TransferFile sends, written and acknowledged on a bare socket.
 double RawTransferMBps(size_t bytes) {
   ImmediatePeer peer(0);
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(peer.port());
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) std::exit(1);
+  const int fd = ConnectLoopback(peer.port());
   Ktc_1_0_parser parser;
   std::vector<Bytes> pieces;
   parser.KtcFilestreamSend(Image(bytes), 0x0A, pieces);
