@@ -21,6 +21,7 @@ using quarn::lidar::KtcCommandText;
 namespace {
 
 constexpr auto kRefreshPeriod = std::chrono::milliseconds(100);
+const char kFovWriteCmdText[] = "0x22";
 
 // Variables that share a get command and payload travel in one reply.
 using ReadGroups = std::unordered_map<std::string, std::vector<VarInfo*>>;
@@ -65,9 +66,12 @@ int VarkelManager::ReadFov(const std::vector<VarInfo*>& vars) {
   }
   {
     std::lock_guard<std::mutex> lock(fields_mutex_);
-    for (size_t i = 0; i < quarn::lidar::kFovRanges; ++i) {
-      fov_[i] = fov.start[i];
-      fov_[quarn::lidar::kFovRanges + i] = fov.end[i];
+    // The user's angles wait for their write ("0x22" pending): a read must not undo them.
+    if (set_map_.count(kFovWriteCmdText) == 0) {
+      for (size_t i = 0; i < quarn::lidar::kFovRanges; ++i) {
+        fov_[i] = fov.start[i];
+        fov_[quarn::lidar::kFovRanges + i] = fov.end[i];
+      }
     }
   }
   StoreReadValue(first, std::to_string(fov.channel));
@@ -166,8 +170,9 @@ void VarkelManager::GetLidarModuleInfo(int module) {
       if (!var->get_cmd.empty()) AddToGroups(groups, var);
   for (const auto& group : groups) {
     try {
-      // The page's FOV editor shows the ranges the lidar applies.
-      GetInfoFromLidarWithSameCmd(group.second, true);
+      // 0x23 is read as an ordinary get here (its channel byte), never through the
+      // multi-range read, so a page read cannot replace angles the user is editing.
+      GetInfoFromLidarWithSameCmd(group.second, false);
     } catch (const std::exception& e) {
       Trace("GetLidarModuleInfo", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.first + "\n");
     }

@@ -199,20 +199,34 @@ TEST_F(ManagerWriting, EveryRefusedValueReachesTheUserAndNothingIsSent) {
   }
 }
 
-TEST_F(ManagerWriting, APageReadFillsTheFovValuesAndEditsAreChecked) {
+TEST_F(ManagerWriting, AnFovEditSurvivesEveryReadUntilWrittenAndBadValuesAreRefused) {
   ASSERT_TRUE(Connect());
+  const std::string defaults = "0.0 0.0 0.0 0.0 0.0 360.0 360.0 360.0 360.0 360.0";
   sim_->SetFov({1000, 2000, 3000, 4000, 4550}, {9000, 18000, 27000, 36000, 5});
   ASSERT_TRUE(sim_->SetValue("FOV Channel", "2"));
+  // A page read takes 0x23 as an ordinary get: the channel, never the angles.
   m_->GetLidarModuleInfo(0);
   EXPECT_EQ(sim_->CommandCount(0x23), 1u);
-  const std::string read = "10.0 20.0 30.0 40.0 45.5 90.0 180.0 270.0 360.0 0.1";
-  EXPECT_EQ(Fov(), read);
   EXPECT_EQ(Value("FOV Channel"), "2");
-  log_->Flush();
-  EXPECT_EQ(log_->Count("fovConfigChanged"), 1);
+  EXPECT_EQ(Fov(), defaults);
+
+  // The user edits an angle, the window re-reads the page (tab switch), then Save: the
+  // edited angle goes out, whatever the reads brought.
+  m_->SetMultiFovConfig(1, "15");
+  m_->GetLidarModuleInfo(0);
+  std::vector<VarInfo*> fov_group{m_->searchVarPtr("FOV Channel", "var_name")};
+  EXPECT_EQ(m_->GetInfoFromLidarWithSameCmd(fov_group, true), 1);  // the multi-range read too
+  EXPECT_EQ(Fov(), "0.0 15.0 0.0 0.0 0.0 360.0 360.0 360.0 360.0 360.0");
+  m_->Run(0);
+  EXPECT_EQ(sim_->LastPayload(0x22),
+            (std::vector<uint8_t>{0x02, 0x00, 0x00, 0x05, 0xDC, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}));
+  // Written: the multi-range read shows the lidar's ranges again.
+  EXPECT_EQ(m_->GetInfoFromLidarWithSameCmd(fov_group, true), 1);
+  EXPECT_EQ(Fov(), "0.0 15.0 0.0 0.0 0.0 90.0 180.0 270.0 360.0 0.1");
   sim_->SetFailure(FailureMode::kReturnCode, 0x23, 4);
-  m_->GetLidarModuleInfo(0);  // a refused read leaves the values
-  EXPECT_EQ(Fov(), read);
+  EXPECT_EQ(m_->GetInfoFromLidarWithSameCmd(fov_group, true), -1);  // a refused read leaves them
+  EXPECT_EQ(Fov(), "0.0 15.0 0.0 0.0 0.0 90.0 180.0 270.0 360.0 0.1");
+  const std::string read = Fov();
   log_->Flush();
 
   for (const char* bad : {"", "abc", "-0.1", "360.1", "1e40", "12abc", "nan"}) {
@@ -251,6 +265,27 @@ TEST_F(ManagerWriting, RunWritesTheFovChannelAndTheFirstFiveValues) {
   EXPECT_EQ(m_->getSetMapSize(), 0);
   log_->Flush();
   EXPECT_TRUE(log_->Has("INFO: Send KTC command [0x22] to set FOV Channel success."));
-  m_->GetLidarModuleInfo(0);  // the lidar reports what was written
-  EXPECT_EQ(Fov(), "12.5 0.0 0.0 0.0 300.0 360.0 360.0 360.0 360.0 360.0");
+  EXPECT_EQ(sim_->FovStart(), (varkel::sim::FovBlock::Angles{1250, 0, 0, 0, 30000}));
+}
+
+TEST_F(ManagerWriting, TableCommandTextsAreReadWithAutomaticBase) {
+  // "21" is decimal (0x15) and "010" octal (8): reads and writes go out on those bytes.
+  Load("Bases", vktest::kTableHeader +
+                    "0,Codes,Numbers,,,,,,,,,,,,,,,\n"
+                    "1,1,21,22,0,Decimal,1,uint8,5,,,,,1_1_1_1,1,0,,\n"
+                    "2,1,010,011,0,Octal,1,uint8,6,,,,,1_1_2_1,1,0,,\n");
+  ASSERT_TRUE(Connect());
+  m_->GetLidarModuleInfo(0);
+  EXPECT_EQ(sim_->CommandCount(21), 1u);
+  EXPECT_EQ(sim_->CommandCount(8), 1u);
+  EXPECT_EQ(Value("Decimal"), "5");
+  EXPECT_EQ(Value("Octal"), "6");
+  m_->SetText(1, 0, 0, 0, "7");
+  m_->SetText(1, 0, 0, 1, "9");
+  m_->Run(0);
+  EXPECT_EQ(Error(), "");
+  EXPECT_EQ(sim_->LastPayload(22), std::vector<uint8_t>{7});
+  EXPECT_EQ(sim_->LastPayload(9), std::vector<uint8_t>{9});
+  EXPECT_EQ(sim_->CommandCount(0x22) + sim_->CommandCount(0x11), 0u);
+  EXPECT_EQ(sim_->Value("Octal"), "9");
 }

@@ -72,6 +72,13 @@ class Harness : public QObject {
     return static_cast<int>(sim_->CommandCount(static_cast<uint8_t>(cmd)));
   }
   Q_INVOKABLE void resetCounters() { sim_->ResetCounters(); }
+  // The payload of the last request with command `cmd` as upper-case hexadecimal, "0A 1B".
+  Q_INVOKABLE QString lastPayloadHex(int cmd) const {
+    const std::vector<uint8_t> payload = sim_->LastPayload(static_cast<uint8_t>(cmd));
+    return QByteArray(reinterpret_cast<const char*>(payload.data()), static_cast<int>(payload.size()))
+        .toHex(' ')
+        .toUpper();
+  }
 
  public slots:
   void qmlEngineAvailable(QQmlEngine* engine) {

@@ -165,7 +165,7 @@ Item {
             var field = typeText(findChild(child("row_Data Port"), "valueField"), "9");
             mouseClick(child("cancelButton_" + page));
             tryCompare(field, "text", "2368", 5000);
-            compare(harness.commandCount(0x25), 0);
+            compare(harness.commandCount(0x2D), 0);
 
             typeText(field, "2400");
             // An option chosen from a list travels as its index.
@@ -189,7 +189,7 @@ Item {
             compare(ask.buttonText, "Continue");
             verify(field.warn, "the out-of-range field is not marked");
             ask.close();  // declining sends nothing
-            compare(harness.commandCount(0x25), 0);
+            compare(harness.commandCount(0x2D), 0);
             save(page);
             verify(ask.visible);
             mouseClick(child("messageConfirmButton"));
@@ -209,9 +209,14 @@ Item {
             compare(child("errorInfoWindow").message, "Input value of fov is invalid");
             compare(end2.text, "360.0");
             closeNotices();
+            // Switching away and back re-reads the page; the edited angle must still go out.
+            openPage("Network");
+            openPage("Field of View");
             harness.resetCounters();
             save(page);
             tryVerify(() => harness.commandCount(0x22) > 0, 10000, "no field-of-view write");
+            // Channel 0, then the five start angles in hundredths of a degree: 15.00 is 05 DC.
+            compare(harness.lastPayloadHex(0x22), "00 05 DC 00 00 00 00 00 00 00 00");
         }
 
         function test_notices_messages_and_log_routing() {
