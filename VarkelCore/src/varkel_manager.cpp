@@ -41,8 +41,7 @@ VarkelManager::~VarkelManager() {
   // refresh thread; the clients go with the members.
   closing_.store(true);
   JoinWorkers();
-  page_timer_flag_.store(false);
-  StopPageTimerThread();
+  StopRefreshThread();
   std::shared_ptr<quarn::lidar::SerialSource> s485, s232;
   {
     std::lock_guard<std::mutex> lock(clients_mutex_);
@@ -319,21 +318,27 @@ void VarkelManager::JoinWorkers() {
   for (Worker& w : workers) w.thread.join();
 }
 
-void VarkelManager::StartPageTimerThread() {
+void VarkelManager::RestartRefreshThread(void (VarkelManager::*body)()) {
+  // One step under one lock: two connect attempts finishing together would otherwise
+  // assign over a running thread, or join one whose flag the other had just set again.
   std::lock_guard<std::mutex> lock(page_timer_thread_mutex_);
-  page_timer_thread_ = std::thread(&VarkelManager::updatePagesTimer, this);
+  EndRefreshThreadLocked();
+  page_timer_flag_.store(true);
+  if (body != nullptr) page_timer_thread_ = std::thread(body, this);
 }
 
-void VarkelManager::StopPageTimerThread() {
-  std::thread thread;
-  {
-    std::lock_guard<std::mutex> lock(page_timer_thread_mutex_);
-    thread.swap(page_timer_thread_);
-  }
+void VarkelManager::StopRefreshThread() {
+  std::lock_guard<std::mutex> lock(page_timer_thread_mutex_);
+  EndRefreshThreadLocked();
+}
+
+void VarkelManager::EndRefreshThreadLocked() {
+  page_timer_flag_.store(false);
   {
     // Wakes the thread from its pause between rounds; it ends once the flag is clear.
     std::lock_guard<std::mutex> lock(page_timer_wait_mutex_);
   }
   page_timer_wait_.notify_all();
-  if (thread.joinable()) thread.join();
+  if (page_timer_thread_.joinable()) page_timer_thread_.join();
+  page_timer_thread_ = std::thread();
 }

@@ -189,6 +189,10 @@ class VarkelManager : public QObject {
   void Init();
   void InitKtcForSerial();
   bool InitSerial();
+  // The serial line of a type-1 connection; tests put failing sources in its place.
+  virtual std::shared_ptr<quarn::lidar::SerialSource> MakeSerialSource(const std::string& port,
+                                                                       uint32_t baud_rate_type1,
+                                                                       uint32_t baud_rate_type0);
 
   // Reads one variable; true when its value text was refreshed.
   bool GetInfoFromLidar(VarInfo* var);
@@ -237,10 +241,18 @@ class VarkelManager : public QObject {
   bool ProbeLidar(quarn::lidar::KtcClient& client);
   // Shared first steps of the two KTC connect workers: a fresh client, opened or thrown.
   std::shared_ptr<quarn::lidar::KtcClient> OpenKtcConnection(const char* operation, uint32_t timeout_ms);
-  // Runs a connect worker's body; any error becomes the network failure notice and log line.
-  void RunConnectWorker(const char* operation, const std::function<void()>& body);
-  void StartPageTimerThread();
-  void StopPageTimerThread();
+  // Runs a connect worker's body; any error it throws becomes `failure_notice`, the
+  // "Connection Error: " log line and a cleared connecting flag.
+  void RunConnectWorker(const char* operation, const char* failure_notice, const std::function<void()>& body);
+  // InitSerial's body: opens both serial sources and the serial client.
+  bool OpenSerialConnection();
+  // Ends the running page-refresh or information thread and starts `body` in its place;
+  // the page-timer flag is set for the new one (null: the flag alone, no thread). Safe
+  // from several threads at once.
+  void RestartRefreshThread(void (VarkelManager::*body)());
+  // Clears the page-timer flag and joins the running thread, if any.
+  void StopRefreshThread();
+  void EndRefreshThreadLocked();
   void SetSnValuesUnknown();
   void ClearPendingWrites();
   // Runs `body` on a thread that the destructor joins; finished ones are reaped here.
@@ -253,6 +265,7 @@ class VarkelManager : public QObject {
   // Page (module) last announced by the UI.
   std::atomic<int> module_index_use_{0};
   std::atomic<bool> page_timer_flag_{false};
+  // Held across every stop and start of page_timer_thread_.
   std::mutex page_timer_thread_mutex_;
   std::thread page_timer_thread_;
   std::mutex page_timer_wait_mutex_;

@@ -24,6 +24,7 @@ constexpr uint8_t kProbeCmd = 7;
 constexpr uint8_t kProbeFallbackCmd = 8;
 constexpr uint8_t kSubCommandCmd = 0xFF;
 const char kNetworkFailure[] = "Connection Failed. Please check your network settings.";
+const char kSerialFailure[] = "Connection Failed. Please check your RS485 and UART serial ports.";
 
 void Print(const char* text) {
   std::fputs(text, stdout);
@@ -92,7 +93,8 @@ std::shared_ptr<KtcClient> VarkelManager::OpenKtcConnection(const char* operatio
   return client;
 }
 
-void VarkelManager::RunConnectWorker(const char* operation, const std::function<void()>& body) {
+void VarkelManager::RunConnectWorker(const char* operation, const char* failure_notice,
+                                     const std::function<void()>& body) {
   QString reason = "Unknown";
   try {
     body();
@@ -102,13 +104,13 @@ void VarkelManager::RunConnectWorker(const char* operation, const std::function<
   } catch (...) {
   }
   Trace(operation, "init lidar error\n");
-  setErrorMsg(kNetworkFailure);
+  setErrorMsg(failure_notice);
   emit sendLogMessage("Connection Error: " + reason, "ERROR");
   connecting_.store(false);
 }
 
 void VarkelManager::Init() {
-  RunConnectWorker("Init", [this] {
+  RunConnectWorker("Init", kNetworkFailure, [this] {
     auto client = OpenKtcConnection("Init", 4000);
     InstallKtcLogCallback(*client);
     if (!ProbeLidar(*client)) {
@@ -119,10 +121,8 @@ void VarkelManager::Init() {
       connecting_.store(false);
       return;
     }
-    page_timer_flag_.store(false);
-    StopPageTimerThread();  // a refresh thread left by an earlier connection
-    page_timer_flag_.store(true);
-    StartPageTimerThread();
+    // Replaces a refresh thread left by an earlier connection or a concurrent attempt.
+    RestartRefreshThread(&VarkelManager::updatePagesTimer);
     is_connected_.store(true);
     emit sendLogMessage("Lidar connected", "INFO");
     emit myMapChanged();
@@ -132,7 +132,7 @@ void VarkelManager::Init() {
 }
 
 void VarkelManager::InitKtcForSerial() {
-  RunConnectWorker("InitKtcForSerial", [this] {
+  RunConnectWorker("InitKtcForSerial", kNetworkFailure, [this] {
     auto client = OpenKtcConnection("InitKtcForSerial", 5000);
     const auto baud = static_cast<uint32_t>(baud_rate_.load());
     client->SetSerialFastBaudRate(baud);
@@ -153,7 +153,7 @@ void VarkelManager::InitKtcForSerial() {
       return;
     }
     // The small lidar's information thread is not part of this connection yet.
-    page_timer_flag_.store(true);
+    RestartRefreshThread(nullptr);
     is_connected_.store(true);
     emit sendLogMessage("Lidar connected", "INFO");
     emit isConnectedChanged();
@@ -161,7 +161,18 @@ void VarkelManager::InitKtcForSerial() {
   });
 }
 
+std::shared_ptr<SerialSource> VarkelManager::MakeSerialSource(const std::string& port, uint32_t baud_rate_type1,
+                                                              uint32_t baud_rate_type0) {
+  return std::make_shared<SerialSource>(port, baud_rate_type1, baud_rate_type0);
+}
+
 bool VarkelManager::InitSerial() {
+  bool connected = false;
+  RunConnectWorker("InitSerial", kSerialFailure, [this, &connected] { connected = OpenSerialConnection(); });
+  return connected;
+}
+
+bool VarkelManager::OpenSerialConnection() {
   connecting_.store(true);
   {
     std::lock_guard<std::mutex> lock(clients_mutex_);
@@ -174,9 +185,9 @@ bool VarkelManager::InitSerial() {
     port485 = serial_port_485_;
     port232 = serial_port_232_;
   }
-  auto rs485 = std::make_shared<SerialSource>(port485, static_cast<uint32_t>(serial_command_baud_rate_),
-                                              static_cast<uint32_t>(baud_rate_.load()));
-  auto uart = std::make_shared<SerialSource>(port232, static_cast<uint32_t>(serial_uart_baud_rate_), 3125000u);
+  auto rs485 = MakeSerialSource(port485, static_cast<uint32_t>(serial_command_baud_rate_),
+                                static_cast<uint32_t>(baud_rate_.load()));
+  auto uart = MakeSerialSource(port232, static_cast<uint32_t>(serial_uart_baud_rate_), 3125000u);
 
   rs485->SetReceiveType(0);
   rs485->Open();
@@ -212,7 +223,7 @@ bool VarkelManager::InitSerial() {
   connecting_.store(false);
   client->SetLogCallback([this](const std::string& line) { OnClientLog(line); });
   // The small lidar's information thread is not part of this connection yet.
-  page_timer_flag_.store(true);
+  RestartRefreshThread(nullptr);
   emit isConnectedChanged();
   return true;
 }
@@ -234,8 +245,7 @@ void VarkelManager::Stop() {
     switch (connect_type_.load()) {
       case 0:
         is_connected_.store(false);
-        page_timer_flag_.store(false);
-        StopPageTimerThread();
+        StopRefreshThread();
         SetSnValuesUnknown();
         SetKtcClient(nullptr);
         ClearPendingWrites();
@@ -249,8 +259,7 @@ void VarkelManager::Stop() {
         break;
       case 1: {
         is_connected_.store(false);
-        page_timer_flag_.store(false);
-        StopPageTimerThread();
+        StopRefreshThread();
         std::shared_ptr<SerialSource> rs485, uart;
         std::shared_ptr<SerialClient> client;
         {
@@ -269,8 +278,7 @@ void VarkelManager::Stop() {
       }
       case 2:
         is_connected_.store(false);
-        page_timer_flag_.store(false);
-        StopPageTimerThread();
+        StopRefreshThread();
         SetSnValuesUnknown();
         SetKtcClient(nullptr);
         emit isConnectedChanged();

@@ -5,7 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "serial_source.h"
 
 #include "manager_test_support.h"
 
@@ -163,6 +169,60 @@ TEST_F(ManagerConnection, SerialLinesOverPseudoTerminals) {
   ASSERT_TRUE(m_->ConnectLidar());
   ASSERT_TRUE(log_->Wait([&] { return m_->getIsConnected() && !m_->GetIsConnectingLidar(); }));
   m_->Stop();
+}
+
+TEST_F(ManagerConnection, AnErrorOpeningTheSerialLinesIsReportedNotFatal) {
+  // Opening a line can throw (a driver gone mid-open, no memory): the attempt must end
+  // with a notice, as a network attempt does, not end the program.
+  class LinesThatThrow : public TestManager {
+    std::shared_ptr<quarn::lidar::SerialSource> MakeSerialSource(const std::string&, uint32_t, uint32_t) override {
+      throw std::runtime_error("serial driver gone");
+    }
+  };
+  Load("Zelto", vktest::TestaTable(), true);
+  LinesThatThrow m;
+  m.InitConfigFileParser("Zelto");
+  SignalLog log(&m);
+  ASSERT_TRUE(m.ConnectLidar());
+  ASSERT_TRUE(log.Wait([&] {
+    return log.Has("errorMessageChanged") && log.HasPrefix("ERROR: Connection Error: ") && !m.GetIsConnectingLidar();
+  }));
+  EXPECT_EQ(m.getErrorMessage().toStdString(), "Connection Failed. Please check your RS485 and UART serial ports.");
+  EXPECT_TRUE(log.Has("ERROR: Connection Error: serial driver gone"));
+  EXPECT_FALSE(m.getIsConnected());
+}
+
+TEST_F(ManagerConnection, AttemptsFinishingTogetherLeaveOneRefreshThreadAndStopEndsIt) {
+  // Two quick presses may start two attempts; each ends by replacing the refresh thread.
+  // Racing those replacements must neither end the program nor leave a thread Stop
+  // cannot join.
+  Load("Testa", vktest::TestaTable());
+  m_->setModuleIndexUse(1);  // the refresh thread has work to do
+  Aim(*m_, *sim_);
+  for (int round = 0; round < 6; ++round) {
+    std::atomic<bool> go{false};
+    std::vector<std::thread> attempts;
+    for (int i = 0; i < 4; ++i)
+      attempts.emplace_back([&] {
+        while (!go.load()) std::this_thread::yield();
+        m_->Init();
+      });
+    go.store(true);
+    for (std::thread& t : attempts) t.join();
+    EXPECT_TRUE(m_->getIsConnected());
+    EXPECT_FALSE(m_->GetIsConnectingLidar());
+  }
+  log_->Clear();
+  ASSERT_TRUE(log_->WaitFor("myTimerMapChanged"));  // one thread still refreshes
+  m_->Stop();
+  log_->Flush();
+  log_->Clear();
+  EXPECT_FALSE(m_->getIsConnected());
+  const uint64_t reads = sim_->CommandCount(0x03) + sim_->CommandCount(0xFF);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(sim_->CommandCount(0x03) + sim_->CommandCount(0xFF), reads);  // nothing refreshes after Stop
+  log_->Flush();
+  EXPECT_FALSE(log_->Has("myTimerMapChanged"));
 }
 
 TEST_F(ManagerConnection, DestroyingTheControllerEndsItsWorkCleanly) {

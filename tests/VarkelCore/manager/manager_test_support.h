@@ -37,6 +37,7 @@ class TestManager : public VarkelManager {
  public:
   TestManager() : VarkelManager(true, "./Config/varID/Testa.csv") {}
   using VarkelManager::GetInfoFromLidarWithSameCmd;
+  using VarkelManager::Init;
   using VarkelManager::searchVarPtr;
   using VarkelManager::SetUpgrading;
   using VarkelManager::updateSingleVarFromOutput;
