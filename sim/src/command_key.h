@@ -20,8 +20,10 @@ struct CommandKey {
   bool operator==(const CommandKey& o) const { return extended == o.extended && code == o.code; }
 };
 
-// "0x1A" -> plain 0x1A; "0x1A05" -> extended 0x00001A05. nullopt for an empty text or
-// one that is not hexadecimal.
+// Texts shorter than five characters are numbers in automatic base: "0x1A" -> plain 0x1A,
+// "010" -> plain 8, "21" -> plain 21 (the low byte is the command). Longer ones are
+// hexadecimal extended codes: "0x1A05" -> extended 0x00001A05. nullopt for an empty text
+// or one that is no such number.
 std::optional<CommandKey> ParseCommandText(const std::string& text);
 
 }  // namespace varkel::sim

@@ -5,6 +5,7 @@
 
 #include <tuple>
 
+#include "command_key.h"
 #include "failure_mode.h"
 #include "file_receiver.h"
 #include "ktc_wire.h"
@@ -126,4 +127,24 @@ TEST(SimFileReceiver, RefusesShortPiecesSkippedNumbersAndReservedBits) {
   p[3] = 0;  // the same piece is taken once the reserved field is zero
   EXPECT_EQ(fr.OnPiece(p.data(), p.size()), FileReceiver::Result::kCompleted);
   EXPECT_EQ(fr.last()->length, 3u);
+}
+
+TEST(SimCommandText, TableTextsInAutomaticBaseExtendedInHexadecimal) {
+  struct Row {
+    const char* text;
+    bool ok, extended;
+    uint32_t code;
+  };
+  const Row rows[] = {{"0x21", true, false, 0x21},     {"21", true, false, 21},     {"010", true, false, 8},
+                      {"0", true, false, 0},           {"300", true, false, 0x2C},  {"0X1a", true, false, 0x1A},
+                      {"0x1A05", true, true, 0x1A05},  {"00021", true, true, 0x21}, {"A", false, false, 0},
+                      {"09", false, false, 0},         {"0x", false, false, 0},     {"", false, false, 0},
+                      {"0x1FFFFFFFF", false, false, 0}};
+  for (const Row& row : rows) {
+    const auto key = ParseCommandText(row.text);
+    ASSERT_EQ(key.has_value(), row.ok) << row.text;
+    if (!key) continue;
+    EXPECT_EQ(key->extended, row.extended) << row.text;
+    EXPECT_EQ(key->code, row.code) << row.text;
+  }
 }

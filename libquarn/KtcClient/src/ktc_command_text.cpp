@@ -12,27 +12,41 @@ bool Fail(std::string* error, const char* reason) {
 
 }  // namespace
 
-bool ParseKtcCommandText(const std::string& text, KtcCommandText& out, std::string* error) {
+bool ParseKtcCommandText(const std::string& text, KtcCommandText& out, std::string* error, CommandTextBase base) {
   const size_t first = text.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) return Fail(error, "empty command text");
   const size_t last = text.find_last_not_of(" \t\r\n");
   const std::string trimmed = text.substr(first, last - first + 1);
+  const bool extended = trimmed.size() >= kKtcExtendedTextLength;
 
   size_t pos = 0;
-  if (trimmed.size() >= 2 && trimmed[0] == '0' && (trimmed[1] == 'x' || trimmed[1] == 'X')) pos = 2;
+  uint64_t radix = 16;
+  const bool hex_prefix = trimmed.size() >= 2 && trimmed[0] == '0' && (trimmed[1] == 'x' || trimmed[1] == 'X');
+  if (hex_prefix) {
+    pos = 2;
+  } else if (!extended && base == CommandTextBase::kAuto) {
+    // As a C integer literal: a leading 0 means octal, otherwise decimal.
+    radix = trimmed.size() > 1 && trimmed[0] == '0' ? 8 : 10;
+  }
   if (pos == trimmed.size()) return Fail(error, "command text has no digits");
 
   uint64_t value = 0;
   for (; pos < trimmed.size(); ++pos) {
-    const unsigned char c = static_cast<unsigned char>(trimmed[pos]);
-    if (!std::isxdigit(c)) return Fail(error, "command text is not hexadecimal");
-    const uint64_t digit = std::isdigit(c) ? c - '0' : static_cast<uint64_t>(std::tolower(c) - 'a' + 10);
-    value = value * 16 + digit;
+    const int c = std::tolower(static_cast<unsigned char>(trimmed[pos]));
+    uint64_t digit = radix;  // not a digit unless found below
+    if (c >= '0' && c <= '9') digit = static_cast<uint64_t>(c - '0');
+    if (c >= 'a' && c <= 'f') digit = static_cast<uint64_t>(c - 'a' + 10);
+    if (digit >= radix) {
+      return Fail(error, radix == 16  ? "command text is not hexadecimal"
+                         : radix == 8 ? "command text is not octal"
+                                      : "command text is not a decimal number");
+    }
+    value = value * radix + digit;
     if (value > 0xFFFFFFFFull) return Fail(error, "command code exceeds 32 bits");
   }
 
   out.code = static_cast<uint32_t>(value);
-  out.extended = trimmed.size() >= kKtcExtendedTextLength;
+  out.extended = extended;
   out.cmd = out.extended ? kKtcExtendedCmd : static_cast<uint8_t>(value & 0xFF);
   return true;
 }

@@ -20,9 +20,17 @@ struct KtcCommandText {
   uint32_t code = 0;  // the whole value; for plain commands cmd is its low byte
 };
 
-// Hexadecimal with or without "0x"/"0X", surrounding blanks ignored, at most 32 bits.
+// How a plain (shorter than five characters) command text is read.
+enum class CommandTextBase {
+  kAuto,  // the model tables: "0x21" hexadecimal, "010" octal, "21" decimal
+  kHex,   // typed by hand: always hexadecimal, "0x" optional
+};
+
+// Surrounding blanks are ignored. Extended texts are hexadecimal with or without
+// "0x"/"0X", at most 32 bits; plain ones are read in `base` and keep their low byte.
 // Returns false (with a reason in *error when given) for anything else.
-bool ParseKtcCommandText(const std::string& text, KtcCommandText& out, std::string* error = nullptr);
+bool ParseKtcCommandText(const std::string& text, KtcCommandText& out, std::string* error = nullptr,
+                         CommandTextBase base = CommandTextBase::kAuto);
 
 // The request payload: the 4-byte code ahead of `payload` for extended commands.
 std::vector<uint8_t> BuildCommandPayload(const KtcCommandText& command, const std::vector<uint8_t>& payload);

@@ -87,25 +87,44 @@ TEST(KtcFileStream, PieceLayoutAndCrc) {
   EXPECT_EQ(frames[0].size(), 8u + 16 + 1024);
 }
 
-TEST(KtcCommandText, PlainExtendedAndRejectedTexts) {
+TEST(KtcCommandText, TableTextsUseAutomaticBaseTypedTextsHexadecimal) {
+  struct Row {
+    const char* text;
+    std::string table;  // automatic base
+    std::string typed;  // hexadecimal
+  };
+  const std::string refused = "refused 33 plain 33";  // an error text, and the output as it was
   // clang-format off
-  std::vector<std::pair<const char*, std::string>> rows = {
-      {"0x21", "21 plain 21"}, {"21", "21 plain 21"}, {"A", "a plain a"}, {"0X0a", "a plain a"},
-      {"1A5", "a5 plain 1a5"}, {"0x1A05", "ff extended 1a05"}, {"  0x1a05 ", "ff extended 1a05"},
-      {"00021", "ff extended 21"}, {"0xFFFFFFFF", "ff extended ffffffff"}, {"0x000000001", "ff extended 1"}};
+  std::vector<Row> rows = {
+      {"0x21", "21 plain 21", "21 plain 21"},
+      {"21", "15 plain 15", "21 plain 21"},
+      {"010", "8 plain 8", "10 plain 10"},
+      {"0", "0 plain 0", "0 plain 0"},
+      {"0X0a", "a plain a", "a plain a"},
+      {"255", "ff plain ff", "55 plain 255"},
+      {"300", "2c plain 12c", "0 plain 300"},  // the low byte is the command
+      {"A", refused, "a plain a"},
+      {"1A5", refused, "a5 plain 1a5"},
+      {"08", refused, "8 plain 8"},
+      {"0x1A05", "ff extended 1a05", "ff extended 1a05"},
+      {"  0x1a05 ", "ff extended 1a05", "ff extended 1a05"},
+      {"00021", "ff extended 21", "ff extended 21"},  // five characters: extended, hexadecimal
+      {"0xFFFFFFFF", "ff extended ffffffff", "ff extended ffffffff"},
+      {"0x000000001", "ff extended 1", "ff extended 1"}};
   // clang-format on
-  for (const char* bad : {"", "   ", "0x", "0xG1", "12 34", "-1", "0x100000000", "zz"}) {
-    rows.emplace_back(bad, "refused 33 plain 33");  // an error text, and the output as it was
-  }
-  for (const auto& [text, expected] : rows) {
-    KtcCommandText out{0x33, false, 0x33};
-    std::string error;
-    const bool ok = ParseKtcCommandText(text, out, &error);
-    char got[64];
-    std::snprintf(got, sizeof(got), "%s%x %s %x", ok ? "" : "refused ", out.cmd, out.extended ? "extended" : "plain",
-                  out.code);
-    EXPECT_EQ(got, expected) << "'" << text << "'";
-    EXPECT_EQ(error.empty(), ok) << text;
+  for (const char* bad : {"", "   ", "0x", "0xG1", "12 34", "-1", "0x100000000", "zz"})
+    rows.push_back({bad, refused, refused});
+  for (const Row& row : rows) {
+    for (auto base : {CommandTextBase::kAuto, CommandTextBase::kHex}) {
+      KtcCommandText out{0x33, false, 0x33};
+      std::string error;
+      const bool ok = ParseKtcCommandText(row.text, out, &error, base);
+      char got[64];
+      std::snprintf(got, sizeof(got), "%s%x %s %x", ok ? "" : "refused ", out.cmd, out.extended ? "extended" : "plain",
+                    out.code);
+      EXPECT_EQ(got, base == CommandTextBase::kAuto ? row.table : row.typed) << "'" << row.text << "'";
+      EXPECT_EQ(error.empty(), ok) << row.text;
+    }
   }
   EXPECT_EQ(BuildCommandPayload({0xFF, true, 0x00011A05}, {1, 2}), (Bytes{0x00, 0x01, 0x1A, 0x05, 1, 2}));
   EXPECT_EQ(BuildCommandPayload({0x21, false, 0x21}, {1, 2}), (Bytes{1, 2}));
