@@ -1,6 +1,18 @@
 # VARKEL_SANITIZE=address adds AddressSanitizer and UBSan; =thread adds ThreadSanitizer.
+# VARKEL_FUZZ instruments every target for coverage, AddressSanitizer and UBSan, so that
+# the fuzzers see faults inside the library code, not only in their harness.
 set_property(CACHE VARKEL_SANITIZE PROPERTY STRINGS none address thread)
-if(VARKEL_SANITIZE STREQUAL "address")
+if(VARKEL_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "VARKEL_FUZZ needs clang: configure with CC=clang CXX=clang++")
+  endif()
+  if(VARKEL_SANITIZE STREQUAL "thread")
+    message(FATAL_ERROR "VARKEL_FUZZ goes with AddressSanitizer and UBSan, not ThreadSanitizer")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(VARKEL_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
 elseif(VARKEL_SANITIZE STREQUAL "thread")

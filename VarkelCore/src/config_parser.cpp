@@ -313,7 +313,10 @@ void ConfigParser::PlaceVar(VarInfo* var, const std::string& function_module) {
     const int g = varkel::Stoi(numbers[1]);
     const int p = varkel::Stoi(numbers[2]);
     const int t = varkel::Stoi(numbers[3]);
-    var->module_places[{m - 1, g - 1}] = p;
+    // Pages and groups count from 1; a smaller number places nothing (and m - 1 of the
+    // smallest int would overflow).
+    const bool numbered = m >= 1 && g >= 1;
+    if (numbered) var->module_places[{m - 1, g - 1}] = p;
     var->component_type = t;
     if (t == 6) {
       if (std::find(standalone_vars.begin(), standalone_vars.end(), var) == standalone_vars.end())
@@ -321,11 +324,11 @@ void ConfigParser::PlaceVar(VarInfo* var, const std::string& function_module) {
       continue;
     }
     if (t == 2 && numbers.size() >= 5) {
-      switch_map[var] = SwitchPlace{m - 1, g - 1, varkel::Stoi(numbers[4])};
+      if (numbered) switch_map[var] = SwitchPlace{m - 1, g - 1, varkel::Stoi(numbers[4])};
       var->has_switch = true;
     }
-    if (m < 1 || static_cast<size_t>(m) > module_vars.size()) continue;
-    if (g < 1 || static_cast<size_t>(g) > module_vars[m - 1].size()) continue;
+    if (!numbered || static_cast<size_t>(m) > module_vars.size()) continue;
+    if (static_cast<size_t>(g) > module_vars[m - 1].size()) continue;
     module_vars[m - 1][g - 1].push_back(var);
   }
 }

@@ -181,16 +181,18 @@ TEST(ConfigParser, PayloadLayoutAndGetVarPosOffset) {
 
 TEST(ConfigParser, SwitchesStandaloneVariablesAndSetOnlyNameClashes) {
   ConfigParser parser;
-  EXPECT_EQ(Load(parser, kHeader + "0,Operation,Phase Lock,Other\n" +
-                             Row("id=9-1;Get=0x32;Set=0x33;VarName=Lock;FunctionModule=1_1_1_2_1") +
-                             Row("id=9-2;Get=0x32;Set=0x33;VarName=Angle;FunctionModule=1_1_1_2") +
-                             Row("id=9-3;Get=0x32;VarName=Status;FunctionModule=1_1_2_0") +
-                             Row("id=9-4;Get=0x32;VarName=Off;FunctionModule=1_2_1_2_-1") +
-                             Row("id=9-5;Get=0x32;VarName=Nowhere;FunctionModule=4_4_1_2_1") +
-                             Row("id=18-1;Set=0x40;VarName=Restart;VarType=raw;FunctionModule=1_1_9_6") +
-                             Row("id=18-2;Set=0x21;VarName=Mode;VarType=raw") +
-                             Row("id=18-3;Set=0x22;VarName=Mode;VarType=raw") +
-                             Row("id=18-4;Get=0x23;Set=0x24;VarName=Mode")),
+  EXPECT_EQ(Load(parser,
+                 kHeader + "0,Operation,Phase Lock,Other\n" +
+                     Row("id=9-1;Get=0x32;Set=0x33;VarName=Lock;FunctionModule=1_1_1_2_1") +
+                     Row("id=9-2;Get=0x32;Set=0x33;VarName=Angle;FunctionModule=1_1_1_2") +
+                     Row("id=9-3;Get=0x32;VarName=Status;FunctionModule=1_1_2_0") +
+                     Row("id=9-4;Get=0x32;VarName=Off;FunctionModule=1_2_1_2_-1") +
+                     Row("id=9-5;Get=0x32;VarName=Nowhere;FunctionModule=4_4_1_2_1") +
+                     // Page and group numbers below 1, down to the smallest int: placed nowhere.
+                     Row("id=9-6;Get=0x32;VarName=Low;FunctionModule=-2147483648_1_1_2_1|1_-2147483648_1_1|0_1_1_1") +
+                     Row("id=18-1;Set=0x40;VarName=Restart;VarType=raw;FunctionModule=1_1_9_6") +
+                     Row("id=18-2;Set=0x21;VarName=Mode;VarType=raw") +
+                     Row("id=18-3;Set=0x22;VarName=Mode;VarType=raw") + Row("id=18-4;Get=0x23;Set=0x24;VarName=Mode")),
             "ConfigParser::ExtractConfigInfo(): Mode_0x22 is used in other cmd\n");
   // 18-4 is not set-only: no clash.
   EXPECT_EQ(parser.FindById("18-3")->var_name + "," + parser.FindById("18-4")->var_name, "Mode_0x22,Mode");
@@ -208,6 +210,7 @@ TEST(ConfigParser, SwitchesStandaloneVariablesAndSetOnlyNameClashes) {
                                    parser.FindByName("Status")->switch_var, parser.FindByName("Off")->switch_var}),
             (std::vector<VarInfo*>{lock, lock, nullptr, nullptr}));
   EXPECT_EQ(parser.switch_map.size(), 3u);
+  EXPECT_TRUE(parser.FindByName("Low")->module_places.empty());
 
   EXPECT_EQ(Names(parser.standalone_vars), Strings{"Restart"});
   EXPECT_EQ(Pages(parser), (std::vector<std::vector<Strings>>{{{"Lock", "Angle", "Status"}, {"Off"}}}));
