@@ -1,8 +1,8 @@
 #include "socket_source.h"
 #include "platform/net.h"
+#include "platform/net_socket_options.h"
 
 #include <arpa/inet.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -174,15 +174,7 @@ int SocketSource::Receive(UdpPacket& packet, uint16_t length, int flags, int tim
     return -1;
   }
 
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(sock_, &readable);
-  // The wait is given in microseconds alone; a second or more is carried into seconds.
-  const int wait_us = std::max(timeout_us, 0);
-  timeval wait{};
-  wait.tv_sec = wait_us / 1000000;
-  wait.tv_usec = wait_us % 1000000;
-  const int ready = ::select(sock_ + 1, &readable, nullptr, nullptr, &wait);
+  const int ready = net::WaitReadable(sock_, static_cast<uint32_t>(std::max(timeout_us, 0)));
   if (ready > 0) {
     select_mode_ = false;
     return receive();

@@ -2,9 +2,11 @@
 // from our encoder), the stream splitter, the ring, the port-name rule, then the source and
 // the command client over pseudo-terminals, the test playing the sensor. UDP on loopback.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -480,6 +482,37 @@ TEST(SocketSource, IdleSocketCostsOneMinusOneThenTimesOut) {
   ASSERT_EQ(Lidar(source.BoundPort())->Send(reinterpret_cast<const uint8_t*>("x"), 1, 0), 1);
   EXPECT_EQ(source.Receive(*packet, 1500, 0, 5000000), 1);
   EXPECT_FALSE(source.InSelectMode());
+}
+
+TEST(SocketSource, ASocketNumberedBeyondASelectSetStillWaitsAndReceives) {
+  // Fill the descriptor table up to FD_SETSIZE, so the source's socket lands beyond what
+  // an fd_set holds (a program with many connections open gets there).
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < FD_SETSIZE + 16)
+    GTEST_SKIP() << "descriptor limit " << limit.rlim_max << " is below " << FD_SETSIZE + 16;
+  const rlimit saved = limit;
+  limit.rlim_cur = FD_SETSIZE + 16;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  std::vector<int> filler;  // descriptors are handed out lowest first
+  for (int fd = 0; fd >= 0 && fd < FD_SETSIZE - 1;) {
+    fd = ::open("/dev/null", O_RDONLY);
+    if (fd >= 0) filler.push_back(fd);
+  }
+
+  {
+    SocketSource source(0, "127.0.0.1", "");
+    ASSERT_TRUE(source.Open());
+    EXPECT_GE(source.Socket(), FD_SETSIZE);
+    auto packet = std::make_unique<UdpPacket>();
+    EXPECT_EQ(source.Receive(*packet, 1500, 0, 1000), -1);  // direct mode: nothing yet
+    EXPECT_EQ(source.Receive(*packet, 1500, 0, 20000), 0);  // a real wait that times out
+    EXPECT_TRUE(packet->timeout);
+    ASSERT_EQ(Lidar(source.BoundPort())->Send(reinterpret_cast<const uint8_t*>("far"), 3, 0), 3);
+    EXPECT_EQ(source.Receive(*packet, 1500, 0, 2000000), 3);
+  }
+  for (int fd : filler) ::close(fd);
+  setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 TEST(SocketSource, PortHeldWithoutReuseFailsWithTheBindLine) {

@@ -13,6 +13,9 @@ bool GetReceiveBufferSize(socket_t s, uint32_t& size);
 bool SetReceiveBufferSize(socket_t s, uint32_t size);
 // Waits until the socket is writable: >0 ready, 0 time-out, <0 error.
 int WaitWritable(socket_t s, uint32_t seconds, uint32_t microseconds);
+// Waits until the socket has something to read: >0 ready, 0 time-out, <0 error. Any socket
+// number works, also those beyond what a select() set can hold.
+int WaitReadable(socket_t s, uint32_t microseconds);
 // Flags for send() so that a peer that went away gives an error instead of a signal.
 int SendFlagsNoSignal();
 

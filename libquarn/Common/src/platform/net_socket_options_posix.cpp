@@ -1,3 +1,4 @@
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -45,6 +46,25 @@ int WaitWritable(socket_t s, uint32_t seconds, uint32_t microseconds) {
 
 int SendFlagsNoSignal() {
   return MSG_NOSIGNAL;
+}
+
+int WaitReadable(socket_t s, uint32_t microseconds) {
+  if (s < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  pollfd entry{};
+  entry.fd = s;
+  entry.events = POLLIN;
+  // poll counts milliseconds: round up, so a short wait is not turned into none.
+  const uint64_t ms = (static_cast<uint64_t>(microseconds) + 999) / 1000;
+  const int timeout_ms = ms > INT32_MAX ? INT32_MAX : static_cast<int>(ms);
+  const int rc = poll(&entry, 1, timeout_ms);
+  if (rc > 0 && (entry.revents & POLLNVAL) != 0) {
+    errno = EBADF;
+    return -1;
+  }
+  return rc;
 }
 
 }  // namespace quarn::lidar::net
