@@ -41,26 +41,46 @@ class X11:
         "XInternAtom": (c.c_ulong, [c.c_void_p, c.c_char_p, c.c_int]),
         "XSendEvent": (c.c_int, [c.c_void_p, c.c_ulong, c.c_int, c.c_long, P(XClientMessageEvent)]),
         "XFlush": (c.c_int, [c.c_void_p]),
+        "XSync": (c.c_int, [c.c_void_p, c.c_int]),
+        "XSetErrorHandler": (c.c_void_p, [c.c_void_p]),
     }
+    # int handler(Display*, XErrorEvent*)
+    ERROR_HANDLER = c.CFUNCTYPE(c.c_int, c.c_void_p, c.c_void_p)
 
     def __init__(self, display):
         self.x = c.CDLL(ctypes.util.find_library("X11"))
         for name, (restype, argtypes) in self.SIGNATURES.items():
             getattr(self.x, name).restype, getattr(self.x, name).argtypes = restype, argtypes
+        # A window can vanish between XQueryTree and XFetchName; Xlib's default handler would
+        # end this process on the BadWindow that follows. Such errors only mean "gone".
+        self.errors = 0
+
+        def ignore(_display, _event):
+            self.errors += 1
+            return 0
+
+        self._handler = self.ERROR_HANDLER(ignore)  # kept alive as long as Xlib may call it
+        self.x.XSetErrorHandler(c.cast(self._handler, c.c_void_p))
         self.dpy = self.x.XOpenDisplay(display.encode())
         if not self.dpy:
             raise Failure("cannot open display " + display)
+
+    def name_of(self, window):
+        """The window's title, or None when it has none or no longer exists."""
+        name = c.c_char_p()
+        if not self.x.XFetchName(self.dpy, window, name) or name.value is None:
+            return None
+        title = name.value
+        self.x.XFree(name)
+        return title
 
     def windows_named(self, title):
         root, parent, children, n = c.c_ulong(), c.c_ulong(), self.P(c.c_ulong)(), c.c_uint()
         self.x.XQueryTree(self.dpy, self.x.XDefaultRootWindow(self.dpy), root, parent, children, n)
         found = []
         for w in children[:n.value]:
-            name = c.c_char_p()
-            if self.x.XFetchName(self.dpy, w, name) and name.value is not None:
-                if name.value == title:
-                    found.append(w)
-                self.x.XFree(name)
+            if self.name_of(w) == title:
+                found.append(w)
         if children:
             self.x.XFree(children)
         return found
@@ -168,6 +188,9 @@ def main():
         with os.fdopen(read_fd) as displayfd:  # Xvfb writes its display number when ready
             display = ":" + displayfd.readline().strip()
         x, program = X11(display), os.path.abspath(sys.argv[1])
+        # A window that is gone by the time its name is asked for: no title, no exit.
+        if x.name_of(0x7FFFFFF) is not None or x.errors == 0:
+            raise Failure("asking for a vanished window's name did not end in an ignored X error")
         run_once(x, program, display, home, [], "close")
         run_once(x, program, display, home, ["-moduleVM=Quenta"], "terminate")
     except Failure as f:
