@@ -88,10 +88,10 @@ std::string WhatOf(const std::function<void()>& f) {
 SignalLog::SignalLog(VarkelManager* m) {
   using V = VarkelManager;
   const auto q = Qt::QueuedConnection;
-  for (void (V::*s)() :
-       {&V::isConnectedChanged, &V::lidarModelChanged, &V::lidarClearModel, &V::lidarShowModel, &V::myMapChanged,
-        &V::fovConfigChanged, &V::errorMessageChanged, &V::successMessageChanged, &V::lidarModelListChanged,
-        &V::connectTypeChanged, &V::zeltoLidarInfoChanged, &V::myTimerMapChanged}) {
+  for (void (V::*s)() : {&V::isConnectedChanged, &V::lidarModelChanged, &V::lidarClearModel, &V::lidarShowModel,
+                         &V::myMapChanged, &V::fovConfigChanged, &V::errorMessageChanged, &V::successMessageChanged,
+                         &V::lidarModelListChanged, &V::connectTypeChanged, &V::zeltoLidarInfoChanged,
+                         &V::myTimerMapChanged, &V::isDownloadLogChanged, &V::downloadFinished}) {
     const std::string name = QMetaMethod::fromSignal(s).name().toStdString();
     connect(
         m, s, this, [this, name] { entries_.push_back(name); }, q);
@@ -100,6 +100,12 @@ SignalLog::SignalLog(VarkelManager* m) {
     entries_.push_back(type.toStdString() + ": " + msg.toStdString());
   };
   connect(m, &V::sendLogMessage, this, add_log, q);
+  connect(
+      m, &V::downloadOperationLogFinished, this,
+      [this](bool result) {
+        entries_.push_back(std::string("downloadOperationLogFinished(") + (result ? "true)" : "false)"));
+      },
+      q);
 }
 
 void SignalLog::Flush() {

@@ -423,6 +423,41 @@ TEST(KtcClientDrain, StaleBytesAreThrownAwayWaitingOnlyAfterAFailure) {
   EXPECT_GE(timed(4), 4 * 45ms);
 }
 
+TEST(KtcClientDownload, PausesLongerThanAReplyMayTakeAreWaitedOutAndTheTimeOutComesBack) {
+  Link link(1, 300);
+  Bytes log(3 * 1024 * 1024);
+  for (size_t i = 0; i < log.size(); ++i) log[i] = static_cast<uint8_t>(i * 7 + i / 4096);
+  const Bytes reply = Reply(1, 0x60, 0, log);
+  // Three pieces with pauses of 700 ms: more than the 300 ms of a command reply.
+  const auto serve = [&] {
+    const size_t cut = reply.size() / 3;
+    for (size_t at = 0; at < reply.size(); at += cut) {
+      link.peer.Write(Bytes(reply.begin() + at, reply.begin() + std::min(reply.size(), at + cut)));
+      std::this_thread::sleep_for(700ms);
+    }
+  };
+  auto download = std::async(std::launch::async, [&] {
+    Bytes result;
+    const int ret = link.client->DownloadQuery({0x00, 0x01}, result, 0x60);
+    return QueryResult{ret, result};
+  });
+  EXPECT_EQ(link.peer.ReadFrame(1), Reply(1, 0x60, 0, {0x00, 0x01}));
+  serve();
+  const QueryResult got = download.get();
+  EXPECT_EQ(got.ret, 0);
+  EXPECT_TRUE(got.result == log) << got.result.size();
+  EXPECT_FALSE(link.logs.CountIf([](const LogRecord& l) { return l.message.find("too large") != std::string::npos; }));
+
+  // The same pauses fail an ordinary query: its time-out is back to 300 ms.
+  auto query = link.Query({}, 0x60);
+  EXPECT_EQ(link.peer.ReadFrame(1), Reply(1, 0x60, 0, {}));
+  const auto start = Clock::now();
+  serve();
+  EXPECT_EQ(query.get().ret, -1);
+  EXPECT_EQ(link.client->GetLastReturnCode(), kKtcPayloadReadFailed);
+  EXPECT_LT(Clock::now() - start, 5s);
+}
+
 TEST(KtcClientConcurrency, TwoThreadsNeverInterleaveOnTheWire) {
   Link link(1);
   std::atomic<int> malformed{0};

@@ -1,0 +1,231 @@
+// Restart, reset and the log downloads against the virtual lidar: what goes on the wire,
+// what the user is told, what lands on disk, and that the sensor comes back.
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+#include "manager_test_support.h"
+
+using varkel::sim::FailureMode;
+
+namespace {
+
+const std::string kMainta = vktest::kTableHeader +
+                            "0,Device,Settings,Logs,,,,,,,,,,,,,,\n"
+                            "1,1,0x13,,,SN,0,string,,,,,,1_1_1_0,8,0,,\n"
+                            "1,2,0x20,0x21,0,Speed,1,uint16,10,,,,,1_1_2_1,2,0,,\n"
+                            "2,1,,0x10,0,Restart,0,raw,,,,,,1_1_3_6,0,0,,\n"
+                            "2,2,,0x25,0,Reset,0,raw,,,,,,1_1_4_6,0,0,,\n"
+                            "3,1,0x60,,,Operation Log,0,raw,,,,,,1_2_1_6,0,0,,\n"
+                            "3,2,0x61,,,Fault Log,0,raw,,,,,,1_2_2_6,0,0,,\n"
+                            "3,3,0x62,,,../../Evil Log,0,raw,,,,,,1_2_3_6,0,0,,\n";
+
+std::vector<uint8_t> ReadAll(const QString& path) {
+  QFile file(path);
+  if (!file.open(QIODevice::ReadOnly)) return {};
+  const QByteArray bytes = file.readAll();
+  return std::vector<uint8_t>(bytes.begin(), bytes.end());
+}
+
+class ManagerMaintenance : public vktest::ManagerTest {
+ protected:
+  void SetUp() override {
+    ManagerTest::SetUp();
+    Load("Mainta", kMainta);
+    sim_->SetRestartDelay(400);
+    sim_->SetLogSize(64 * 1024);
+  }
+
+  QString Folder(const std::string& name) {
+    const QString path = QString::fromStdString(root_ + "/" + name);
+    QDir().mkpath(path);
+    return path;
+  }
+  // The files of `folder` whose names start with `prefix`.
+  QStringList FilesIn(const QString& folder, const QString& prefix) {
+    return QDir(folder).entryList({prefix + "*"}, QDir::Files);
+  }
+  bool WaitDownload() {
+    return log_->Wait([&] { return log_->Has("downloadFinished"); });
+  }
+  bool WaitOperationLog() {
+    return log_->Wait([&] { return log_->HasPrefix("downloadOperationLogFinished("); });
+  }
+  std::string Success() { return m_->getSuccessMessage().toStdString(); }
+};
+
+}  // namespace
+
+TEST_F(ManagerMaintenance, RestartDisconnectsAndTheSensorAcceptsAgainAfterItsDelay) {
+  EXPECT_EQ(m_->Restart(), -1);  // not connected: refused without a word
+  EXPECT_EQ(Error(), "");
+  ASSERT_TRUE(Connect());
+
+  sim_->SetFailure(FailureMode::kReturnCode, 0x10, 3);
+  EXPECT_EQ(m_->Restart(), 3);
+  EXPECT_EQ(Error(), "Auto reboot failed, ret_code: 3. Please reboot lidar manually.");
+  EXPECT_TRUE(m_->getIsConnected());
+  EXPECT_EQ(sim_->RestartCount(), 0u);
+
+  sim_->ClearFailures();
+  EXPECT_EQ(m_->Restart(), 0);
+  EXPECT_EQ(sim_->CommandCount(0x10), 2u);
+  EXPECT_EQ(sim_->LastPayload(0x10), std::vector<uint8_t>{});
+  EXPECT_FALSE(m_->getIsConnected());
+  log_->Flush();
+  EXPECT_TRUE(log_->Has("INFO: Lidar disconnected"));
+  EXPECT_EQ(sim_->RestartCount(), 1u);
+
+  // While the sensor restarts a connection is refused; afterwards it works again.
+  log_->Clear();
+  Aim(*m_, *sim_);
+  ASSERT_TRUE(m_->ConnectLidar());
+  ASSERT_TRUE(log_->Wait([&] { return log_->HasPrefix("ERROR: Connection Error: ") && !m_->GetIsConnectingLidar(); }));
+  EXPECT_TRUE(log_->Has("ERROR: Connection Error: TCP connection failed."));
+  QThread::msleep(500);
+  EXPECT_TRUE(Connect());
+}
+
+TEST_F(ManagerMaintenance, ResetBringsTheDefaultsBackAndTheLowerCaseNameIsFound) {
+  ASSERT_TRUE(Connect());
+  ASSERT_TRUE(sim_->SetValue("Speed", "77"));
+  EXPECT_EQ(m_->Reset(), 0);
+  EXPECT_EQ(sim_->ResetCount(), 1u);
+  EXPECT_FALSE(m_->getIsConnected());
+  QThread::msleep(500);
+  ASSERT_TRUE(Connect());
+  EXPECT_TRUE(m_->UpdateSingleVarInfo("Speed"));
+  EXPECT_EQ(Value("Speed"), "10");
+
+  // A table that spells the names in lower case; one without them.
+  std::string lower = kMainta;
+  lower.replace(lower.find(",Restart,"), 9, ",restart,");
+  lower.replace(lower.find(",Reset,"), 7, ",reset,");
+  Load("Lower", lower);
+  sim_->SetRestartDelay(100);
+  ASSERT_TRUE(Connect());
+  EXPECT_EQ(m_->Restart(), 0);
+  EXPECT_EQ(sim_->RestartCount(), 1u);
+
+  Load("Testa", vktest::TestaTable());  // a Restart row, no Reset row
+  ASSERT_TRUE(Connect());
+  EXPECT_EQ(m_->Reset(), -1);
+  EXPECT_EQ(Error(), "Can not find reset name");
+  EXPECT_TRUE(m_->getIsConnected());
+}
+
+TEST_F(ManagerMaintenance, ALogArrivesWholeInTheChosenFolderAndEveryFailureIsReported) {
+  ASSERT_TRUE(Connect());
+  sim_->SetLogSize(16u * 1024u * 1024u);  // logs of several MiB are common
+  const QString folder = Folder("logs");
+  ASSERT_EQ(m_->DownloadLog(QUrl::fromLocalFile(folder), "Fault Log"), 0);
+  ASSERT_TRUE(WaitDownload());
+  EXPECT_EQ(Success(), "Fault Log download successful.");
+  const QStringList files = FilesIn(folder, "Fault Log_");
+  ASSERT_EQ(files.size(), 1);
+  EXPECT_EQ(files[0].size(), QString("Fault Log_yyyyMMdd-hhmmss.bin").size());
+  const std::vector<uint8_t> body = ReadAll(folder + "/" + files[0]);
+  EXPECT_EQ(body.size(), 16u * 1024u * 1024u);
+  EXPECT_TRUE(body == sim_->LogBody("Fault Log").value());
+  EXPECT_FALSE(m_->getIsDownloadLog());
+  EXPECT_EQ(log_->Count("isDownloadLogChanged"), 2);
+  sim_->SetLogSize(4096);
+
+  struct Case {
+    const char* what;
+    QString folder, type;
+    FailureMode mode;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"refused by the sensor", folder, "Fault Log", FailureMode::kReturnCode,
+       "Fault Log download failed. return code: 1"},
+      {"cut off mid-reply", folder, "Fault Log", FailureMode::kTruncatedPayload,
+       "Fault Log download failed. return code: -3"},
+      {"not in the table", folder, "Nope Log", FailureMode::kNone, "Can not find Nope Log name"},
+      {"no such folder", folder + "/missing", "Fault Log", FailureMode::kNone, "Fault Log: Failed to open file."}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.mode == FailureMode::kTruncatedPayload) ASSERT_TRUE(Connect());  // the cut closed the last connection
+    sim_->ClearFailures();
+    if (c.mode != FailureMode::kNone) sim_->SetFailure(c.mode, 0x61);
+    log_->Clear();
+    m_->setErrorMsg("");
+    ASSERT_EQ(m_->DownloadLog(QUrl::fromLocalFile(c.folder), c.type), 0);
+    ASSERT_TRUE(WaitDownload());
+    EXPECT_EQ(Error(), c.error);
+    EXPECT_FALSE(m_->getIsDownloadLog());
+  }
+  EXPECT_EQ(FilesIn(folder, "Fault Log_").size(), 1);  // nothing written by the failures
+
+  // A table's name with "/" and ".." stays inside the folder.
+  sim_->ClearFailures();
+  ASSERT_TRUE(Connect());
+  log_->Clear();
+  ASSERT_EQ(m_->DownloadLog(QUrl::fromLocalFile(folder), "../../Evil Log"), 0);
+  ASSERT_TRUE(WaitDownload());
+  EXPECT_EQ(Success(), "../../Evil Log download successful.");
+  EXPECT_EQ(FilesIn(folder, "______Evil Log_").size(), 1);
+  EXPECT_TRUE(FilesIn(QString::fromStdString(root_), "Evil").isEmpty());
+  EXPECT_TRUE(FilesIn(QDir(QString::fromStdString(root_)).absoluteFilePath(".."), "Evil").isEmpty());
+}
+
+TEST_F(ManagerMaintenance, ASecondDownloadIsRefusedWhileOneRuns) {
+  ASSERT_TRUE(Connect());
+  sim_->SetFailure(FailureMode::kDelay, 0x61, 600);
+  const QUrl folder = QUrl::fromLocalFile(Folder("logs"));
+  ASSERT_EQ(m_->DownloadLog(folder, "Fault Log"), 0);
+  ASSERT_TRUE(log_->Wait([&] { return m_->getIsDownloadLog(); }));
+  EXPECT_EQ(m_->DownloadLog(folder, "Fault Log"), -1);
+  EXPECT_EQ(m_->DownloadOperationLog(folder), -1);
+  EXPECT_EQ(m_->Restart(), -1);
+  ASSERT_TRUE(WaitDownload());
+  EXPECT_EQ(log_->Count("downloadFinished"), 1);
+}
+
+TEST_F(ManagerMaintenance, TheOperationLogArchiveHoldsItsFourParts) {
+  ASSERT_TRUE(Connect());
+  const QString work = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/operation_log";
+  const QString archive = QString::fromStdString(root_ + "/ops");
+  ASSERT_EQ(m_->DownloadOperationLog(QUrl::fromLocalFile(archive)), 0);
+  ASSERT_TRUE(WaitOperationLog());
+  EXPECT_TRUE(log_->Has("downloadOperationLogFinished(true)"));
+  EXPECT_EQ(Success(), "Operation log download successful.");
+  EXPECT_EQ(sim_->CommandCount(0x60), 4u);
+  EXPECT_EQ(sim_->LastPayload(0x60), (std::vector<uint8_t>{0x01, 0x01}));  // the last part: application errors
+  EXPECT_FALSE(QDir(work).exists());
+
+  // Unpack and compare each part with what the sensor holds.
+  const QString out = Folder("unpacked");
+  ASSERT_EQ(QProcess::execute("tar", {"-xf", archive + ".tar", "-C", out}), 0);
+  const std::pair<const char*, uint16_t> parts[] = {
+      {"bsw_warning_", 0x0000}, {"asw_warning_", 0x0001}, {"bsw_error_", 0x0100}, {"asw_error_", 0x0101}};
+  for (const auto& [prefix, selector] : parts) {
+    const QStringList found = FilesIn(out, prefix);
+    ASSERT_EQ(found.size(), 1) << prefix;
+    EXPECT_EQ(found[0].size(), QString(prefix).size() + QString("yyyy_MM_dd_hh_mm_ss.bin").size());
+    EXPECT_TRUE(ReadAll(out + "/" + found[0]) == sim_->LogBody("Operation Log", selector).value()) << prefix;
+  }
+  EXPECT_EQ(FilesIn(out, "").size(), 4);
+
+  // The name's ending is checked as written: "ops.TAR" gets ".tar" too.
+  log_->Clear();
+  ASSERT_EQ(m_->DownloadOperationLog(QUrl::fromLocalFile(archive + ".TAR")), 0);
+  ASSERT_TRUE(WaitOperationLog());
+  EXPECT_TRUE(QFile::exists(archive + ".TAR.tar"));
+
+  // A part the sensor refuses fails the archive and leaves the fetched parts for the user.
+  sim_->SetFailure(FailureMode::kReturnCode, 0x60, 2);
+  log_->Clear();
+  m_->DownloadOperationLogThread(QUrl::fromLocalFile(root_.c_str() + QString("/failed")));
+  log_->Flush();
+  EXPECT_TRUE(log_->Has("downloadOperationLogFinished(false)"));
+  EXPECT_EQ(Error(), "Operation log download failed.");
+  EXPECT_EQ(FilesIn(work, "").size(), 4);
+  EXPECT_FALSE(m_->getIsDownloadLog());
+}
