@@ -5,40 +5,56 @@
 namespace varkel::sim {
 namespace {
 
-// The value of `digits` in `radix`, or nullopt when a character is not a digit of it or the
-// value needs more than 32 bits.
-std::optional<uint32_t> ReadNumber(const std::string& digits, uint32_t radix) {
+// Value of one digit in `base`, or -1 when it is no digit of that base.
+int DigitValue(char c, int base) {
+  const unsigned char u = static_cast<unsigned char>(c);
+  int v = -1;
+  if (std::isdigit(u)) {
+    v = c - '0';
+  } else if (std::isalpha(u)) {
+    v = std::tolower(u) - 'a' + 10;
+  }
+  return v < base ? v : -1;
+}
+
+// The whole of `digits` as a number of `base`; nullopt when empty, not all digits or
+// over 32 bits.
+std::optional<uint32_t> ReadNumber(const std::string& digits, int base) {
   if (digits.empty()) return std::nullopt;
   uint64_t v = 0;
   for (char c : digits) {
-    const int lower = std::tolower(static_cast<unsigned char>(c));
-    uint32_t digit = radix;
-    if (std::isdigit(lower)) digit = static_cast<uint32_t>(lower - '0');
-    if (lower >= 'a' && lower <= 'f') digit = static_cast<uint32_t>(lower - 'a' + 10);
-    if (digit >= radix) return std::nullopt;
-    v = v * radix + digit;
-    if (v > 0xFFFFFFFFu) return std::nullopt;
+    const int d = DigitValue(c, base);
+    if (d < 0) return std::nullopt;
+    v = v * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
+    if (v > 0xFFFFFFFFull) return std::nullopt;
   }
   return static_cast<uint32_t>(v);
+}
+
+bool HasHexPrefix(const std::string& t) {
+  return t.size() >= 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X');
 }
 
 }  // namespace
 
 std::optional<CommandKey> ParseCommandText(const std::string& text) {
-  const bool hex_prefix = text.size() >= 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string::npos) return std::nullopt;
+  const std::string t = text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
   CommandKey key;
-  key.extended = text.size() >= 5;
-  std::optional<uint32_t> value;
-  if (key.extended || hex_prefix) {
-    value = ReadNumber(text.substr(hex_prefix ? 2 : 0), 16);
-  } else if (text.size() > 1 && text[0] == '0') {
-    value = ReadNumber(text.substr(1), 8);  // a leading zero: octal, as the tables allow
+  key.extended = t.size() >= 5;
+  std::optional<uint32_t> v;
+  if (key.extended) {
+    v = ReadNumber(HasHexPrefix(t) ? t.substr(2) : t, 16);
+  } else if (HasHexPrefix(t)) {
+    v = ReadNumber(t.substr(2), 16);
+  } else if (t.size() > 1 && t[0] == '0') {
+    v = ReadNumber(t.substr(1), 8);
   } else {
-    value = ReadNumber(text, 10);
+    v = ReadNumber(t, 10);
   }
-  if (!value) return std::nullopt;
-  // A plain command is the low byte of its number.
-  key.code = key.extended ? *value : (*value & 0xFFu);
+  if (!v) return std::nullopt;
+  key.code = key.extended ? *v : (*v & 0xFFu);
   return key;
 }
 

@@ -55,16 +55,15 @@ std::vector<std::string> FailureModeNames() {
   return out;
 }
 
-std::vector<WriteStep> ShapeReply(int version, const std::vector<uint8_t>& frame, FailureMode mode, int param) {
+std::vector<WriteStep> ShapeReply(int version, std::vector<uint8_t> f, FailureMode mode, int param) {
   const KtcLayout& l = KtcLayoutOf(version);
-  std::vector<uint8_t> f = frame;
   const size_t header = l.header_size;
   std::vector<WriteStep> steps;
   switch (mode) {
     case FailureMode::kNoReply:
       return steps;
     case FailureMode::kDelay:
-      steps.push_back({param > 0 ? param : 1000, f, WriteStep::After::kNothing});
+      steps.push_back({param > 0 ? param : 1000, std::move(f), WriteStep::After::kNothing});
       return steps;
     case FailureMode::kReturnCode:
       f[l.rc_at] = static_cast<uint8_t>(param != 0 ? param : 1);
@@ -97,7 +96,7 @@ std::vector<WriteStep> ShapeReply(int version, const std::vector<uint8_t>& frame
       const uint32_t n = ReadU32BE(f.data() + l.len_at);
       if (n == 0) {
         WriteU32BE(f.data() + l.len_at, 4);
-        steps.push_back({0, f, WriteStep::After::kClose});
+        steps.push_back({0, std::move(f), WriteStep::After::kClose});
       } else {
         steps.push_back({0, Slice(f, 0, header + n / 2), WriteStep::After::kClose});
       }
@@ -121,7 +120,7 @@ std::vector<WriteStep> ShapeReply(int version, const std::vector<uint8_t>& frame
     case FailureMode::kDisconnectAfterPieces:
       break;
   }
-  steps.push_back({0, f, WriteStep::After::kNothing});
+  steps.push_back({0, std::move(f), WriteStep::After::kNothing});
   return steps;
 }
 

@@ -39,7 +39,8 @@ struct WriteStep {
 };
 
 // Cuts a well-formed reply frame of KTC version `version` into the writes `mode` asks
-// for. kNoReply yields no step; kDisconnectAfterPieces leaves the reply alone.
-std::vector<WriteStep> ShapeReply(int version, const std::vector<uint8_t>& frame, FailureMode mode, int param);
+// for. kNoReply yields no step; kDisconnectAfterPieces leaves the reply alone. The frame
+// is taken by value: a log reply can be tens of MiB, and callers move it in.
+std::vector<WriteStep> ShapeReply(int version, std::vector<uint8_t> frame, FailureMode mode, int param);
 
 }  // namespace varkel::sim

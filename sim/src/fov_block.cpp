@@ -36,6 +36,10 @@ void FovBlock::Set(const Angles& start, const Angles& end) {
   end_ = end;
 }
 
+void FovBlock::RestoreDefaults() {
+  Set(kDefaultStart, kDefaultEnd);
+}
+
 FovBlock::Angles FovBlock::Start() const {
   std::lock_guard<std::mutex> lock(mu_);
   return start_;

@@ -25,13 +25,17 @@ class FovBlock {
   bool Write(const std::vector<uint8_t>& payload);
 
   void Set(const Angles& start, const Angles& end);
+  // The whole circle on every channel, as the sensor starts (a reset returns there).
+  void RestoreDefaults();
   Angles Start() const;
   Angles End() const;
 
  private:
   mutable std::mutex mu_;  // connection threads against the embedding thread
-  Angles start_{0, 0, 0, 0, 0};
-  Angles end_{kMaxAngle, kMaxAngle, kMaxAngle, kMaxAngle, kMaxAngle};
+  static constexpr Angles kDefaultStart{0, 0, 0, 0, 0};
+  static constexpr Angles kDefaultEnd{kMaxAngle, kMaxAngle, kMaxAngle, kMaxAngle, kMaxAngle};
+  Angles start_ = kDefaultStart;
+  Angles end_ = kDefaultEnd;
 };
 
 }  // namespace varkel::sim

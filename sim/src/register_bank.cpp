@@ -47,6 +47,7 @@ RegisterBank::RegisterBank(std::vector<BankVariable> vars, std::string model, bo
       bytes = EncodeValueText(v.def.var_type, v.def.default_val, v.store_coef, len);
     if (!bytes) bytes = EncodeValueText(v.def.var_type, PlausibleText(v.def), v.store_coef, len);
     v.bytes = bytes ? *bytes : std::vector<uint8_t>(len, 0);
+    v.default_bytes = v.bytes;
     if (v.def.var_type == "DT") {
       v.motion = Motion::kCountUp;
     } else if (IsNumericType(v.def.var_type) && NameHas(v.def, "temp")) {
@@ -206,6 +207,17 @@ std::vector<std::string> RegisterBank::VariableIds() const {
   std::vector<std::string> ids;
   for (const auto& v : vars_) ids.push_back(v.def.var_id);
   return ids;
+}
+
+void RegisterBank::RestoreDefaults() {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (auto& v : vars_) Store(v, v.default_bytes);
+}
+
+void RegisterBank::RestartRunTimes() {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (auto& v : vars_)
+    if (v.def.var_type == "DT" && !NameHas(v.def, "total")) Store(v, std::vector<uint8_t>(v.bytes.size(), 0));
 }
 
 }  // namespace varkel::sim

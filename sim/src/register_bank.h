@@ -53,12 +53,19 @@ class RegisterBank {
   bool SetValue(const std::string& name_or_id, const std::string& text);
   std::vector<std::string> VariableIds() const;
 
+  // Every field back to the value it had when the bank was made from the table.
+  void RestoreDefaults();
+  // A restart: run times ("DT") start again from zero, except the totals (a "DT" whose
+  // name contains "total"), which a sensor keeps across restarts.
+  void RestartRunTimes();
+
  private:
   enum class Motion { kNone, kCountUp, kDrift };
   struct Var {
     BankVariable def;
-    float store_coef = 1.0f;     // coefficient of the bytes held (the get side's when readable)
-    std::vector<uint8_t> bytes;  // the field as the get reply carries it (at base_time when moving)
+    float store_coef = 1.0f;             // coefficient of the bytes held (the get side's when readable)
+    std::vector<uint8_t> bytes;          // the field as the get reply carries it (at base_time when moving)
+    std::vector<uint8_t> default_bytes;  // the table's starting value
     std::chrono::steady_clock::time_point base_time;
     Motion motion = Motion::kNone;
   };

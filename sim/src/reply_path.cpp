@@ -5,6 +5,17 @@
 #include "hex_text.h"
 
 namespace varkel::sim {
+namespace {
+
+// A log reply is tens of MiB; a trace line shows its start and its size.
+constexpr size_t kMaxTraceBytes = 512;
+
+std::string TraceHex(const uint8_t* data, size_t len) {
+  if (len <= kMaxTraceBytes) return quarn::lidar::ToHexSpaced(data, len);
+  return quarn::lidar::ToHexSpaced(data, kMaxTraceBytes) + " ... (" + std::to_string(len) + " bytes in all)";
+}
+
+}  // namespace
 
 bool ReplyPath::Send(const char* channel, const std::vector<uint8_t>& bytes, const Writer& write) {
   if (link_lost_.load()) {
@@ -12,12 +23,12 @@ bool ReplyPath::Send(const char* channel, const std::vector<uint8_t>& bytes, con
       Print(std::string(channel) + " out: (link lost, " + std::to_string(bytes.size()) + " bytes dropped)");
     return false;
   }
-  if (verbose_.load()) Print(std::string(channel) + " out: " + quarn::lidar::ToHexSpaced(bytes));
+  if (verbose_.load()) Print(std::string(channel) + " out: " + TraceHex(bytes.data(), bytes.size()));
   return write(bytes);
 }
 
 void ReplyPath::TraceIn(const char* channel, const uint8_t* data, size_t len) {
-  if (verbose_.load()) Print(std::string(channel) + " in:  " + quarn::lidar::ToHexSpaced(data, len));
+  if (verbose_.load()) Print(std::string(channel) + " in:  " + TraceHex(data, len));
 }
 
 void ReplyPath::Note(const std::string& line) {

@@ -46,6 +46,9 @@ std::string SimUsage() {
          "  --udp HOST:PORT       send point-cloud-like datagrams there (multicast for 224.x-239.x)\n"
          "  --rate N              datagrams per second (default 10)\n"
          "  --serial-stream N     with --serial: N point-cloud packets per second on the data line\n"
+         "  --restart-delay MS    how long a restart or reset keeps the sensor off the network\n"
+         "                        (default 3000)\n"
+         "  --log-size BYTES      size of every log the sensor hands out (default 262144)\n"
          "  --fail MODE[:CMD[:P]] misbehave for command CMD (all when left out) with parameter P;\n"
          "                        may be repeated. MODE is one of: " +
          modes +
@@ -110,6 +113,21 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
         return false;
       }
       out->options.serial_stream_rate = static_cast<int>(v);
+    } else if (a == "--restart-delay") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 0, 600000, &v)) {
+        *error = "--restart-delay wants milliseconds from 0 to 600000, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.restart_delay_ms = static_cast<int>(v);
+    } else if (a == "--log-size") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 0, VirtualLidar::kMaxLogSize, &v)) {
+        *error = "--log-size wants a number of bytes from 0 to " + std::to_string(VirtualLidar::kMaxLogSize) +
+                 ", got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.log_size = static_cast<uint32_t>(v);
     } else if (a == "--fail") {
       if (!need(i, a)) return false;
       const std::string fail_arg = args[++i];

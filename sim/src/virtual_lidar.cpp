@@ -1,17 +1,21 @@
 #include "virtual_lidar.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 
 #include "command_key.h"
+#include "device_log.h"
 #include "ktc_wire.h"
 #include "model_table.h"
 #include "platform/net.h"
@@ -35,17 +39,30 @@ constexpr int kDefaultUdpRate = 10;
 // 0xFF with 00 01 asks for it.
 constexpr uint8_t kBaudPrefix[] = {0x00, 0x01, 0x39};
 
-// Writes everything to a non-blocking or blocking descriptor, waiting while it is full.
+// A KTC client reading a log of tens of MiB slowly is still reading; one that takes
+// nothing for this long is gone. A serial line nobody reads gives up much sooner, so the
+// serial thread is not held up.
+constexpr int kSocketStallMs = 30000;
+constexpr int kSerialStallMs = 1000;
+
+// Writes everything, waiting while the descriptor is full, until it took nothing for the
+// stall limit. A socket shut down by Stop or a restart fails the write at once.
 bool WriteAll(int fd, const std::vector<uint8_t>& bytes, bool socket) {
+  const int stall_limit_ms = socket ? kSocketStallMs : kSerialStallMs;
   size_t done = 0;
+  int stalled_ms = 0;
   while (done < bytes.size()) {
-    const ssize_t n = socket ? ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)
+    const ssize_t n = socket ? ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT)
                              : ::write(fd, bytes.data() + done, bytes.size() - done);
     if (n > 0) {
       done += static_cast<size_t>(n);
+      stalled_ms = 0;
     } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+      if (stalled_ms >= stall_limit_ms) return false;
       pollfd p{fd, POLLOUT, 0};
-      if (::poll(&p, 1, 1000) <= 0) return false;
+      const int r = ::poll(&p, 1, kPollMs);
+      if (r < 0 && errno != EINTR) return false;
+      if (r == 0) stalled_ms += kPollMs;
     } else {
       return false;
     }
@@ -57,6 +74,17 @@ std::vector<uint8_t> CodeBytes(uint32_t code) {
   std::vector<uint8_t> b(4);
   WriteU32BE(b.data(), code);
   return b;
+}
+
+// The title of a log's lines: the variable's name, and for the operation log the part the
+// selector picks. nullopt when the selector does not fit the log.
+template <typename Log>
+std::optional<std::string> LogTitle(const Log& log, std::optional<uint16_t> selector) {
+  if (!log.operation) return selector ? std::nullopt : std::optional<std::string>(log.name);
+  if (!selector) return std::nullopt;
+  const auto part = OperationLogPartOf(*selector);
+  if (!part) return std::nullopt;
+  return log.name + " " + part->name;
 }
 
 }  // namespace
@@ -72,9 +100,14 @@ struct VirtualLidar::Reply {
   uint8_t return_code = 0;
   std::vector<uint8_t> payload;
   bool close_after = false;
+  Lifecycle lifecycle = Lifecycle::kNone;  // what the sensor does once the reply is out
 };
 
-VirtualLidar::VirtualLidar(SimOptions options) : opt_(std::move(options)), path_(std::make_unique<ReplyPath>()) {
+VirtualLidar::VirtualLidar(SimOptions options)
+    : opt_(std::move(options)),
+      path_(std::make_unique<ReplyPath>()),
+      restart_delay_ms_(opt_.restart_delay_ms),
+      log_size_(std::min(opt_.log_size, kMaxLogSize)) {
   path_->set_verbose(opt_.verbose);
 }
 
@@ -92,10 +125,16 @@ bool VirtualLidar::Start(std::string* error) {
   }
   auto vars = LoadModelTable(table, error);
   if (!vars) return false;
+  {
+    std::ifstream in(table, std::ios::binary);
+    table_bytes_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  FindMaintenanceVariables(*vars);
   bank_ = std::make_unique<RegisterBank>(std::move(*vars), opt_.model, opt_.live_values);
   {
     std::lock_guard<std::mutex> lock(stop_mu_);
     stopping_ = false;
+    restart_step_ = RestartStep::kNone;
   }
   running_.store(true);
   if (!StartKtc(error) || (opt_.serial && !StartSerial(error))) {
@@ -114,31 +153,62 @@ bool VirtualLidar::Start(std::string* error) {
   return true;
 }
 
-bool VirtualLidar::StartKtc(std::string* error) {
-  net::Startup();
-  listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+void VirtualLidar::FindMaintenanceVariables(const std::vector<BankVariable>& vars) {
+  // The program looks these up by name, the first spelling before the second.
+  auto find = [&](const char* name, const char* second) -> const BankVariable* {
+    for (const char* n : {name, second})
+      for (const auto& v : vars)
+        if (v.var_name == n) return &v;
+    return nullptr;
+  };
+  restart_key_.reset();
+  reset_key_.reset();
+  if (const BankVariable* v = find("Restart", "restart")) restart_key_ = ParseCommandText(v->set_cmd);
+  if (const BankVariable* v = find("Reset", "reset")) reset_key_ = ParseCommandText(v->set_cmd);
+  const BankVariable* operation = find("Operation Log", "operation log");
+  logs_.clear();
+  for (const auto& v : vars) {
+    const auto key = ParseCommandText(v.get_cmd);
+    if (v.var_type != "raw" || !key || ParseCommandText(v.set_cmd)) continue;
+    logs_.push_back(LogVar{v.var_name, *key, v.get_payload, &v == operation});
+  }
+}
+
+int VirtualLidar::OpenListener(uint16_t port, std::string* error) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   auto fail = [&](const std::string& why) {
     if (error) *error = why;
-    if (listen_fd_ >= 0) net::CloseSocket(listen_fd_);
-    listen_fd_ = -1;
-    net::Cleanup();
-    return false;
+    if (fd >= 0) net::CloseSocket(fd);
+    return -1;
   };
-  if (listen_fd_ < 0) return fail(std::string("socket: ") + net::ErrorText(errno));
+  if (fd < 0) return fail(std::string("socket: ") + net::ErrorText(errno));
   // Reuse lets a restarted simulator take its port back from connections in TIME_WAIT;
   // a port another program listens on still refuses the bind.
   const int one = 1;
-  setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
-  addr.sin_port = htons(opt_.port);
+  addr.sin_port = htons(port);
   if (inet_pton(AF_INET, opt_.host.c_str(), &addr.sin_addr) != 1) return fail("bad host address: " + opt_.host);
-  if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
     const int err = errno;
-    if (err == EADDRINUSE) return fail("port " + std::to_string(opt_.port) + " on " + opt_.host + " is already in use");
-    return fail("cannot bind " + opt_.host + ":" + std::to_string(opt_.port) + ": " + net::ErrorText(err));
+    if (err == EADDRINUSE) return fail("port " + std::to_string(port) + " on " + opt_.host + " is already in use");
+    return fail("cannot bind " + opt_.host + ":" + std::to_string(port) + ": " + net::ErrorText(err));
   }
-  if (::listen(listen_fd_, 8) != 0) return fail(std::string("listen: ") + net::ErrorText(errno));
+  if (::listen(fd, 8) != 0) return fail(std::string("listen: ") + net::ErrorText(errno));
+  return fd;
+}
+
+bool VirtualLidar::StartKtc(std::string* error) {
+  net::Startup();
+  ktc_started_ = true;
+  if (::pipe2(wake_pipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (error) *error = std::string("pipe: ") + net::ErrorText(errno);
+    return false;
+  }
+  listen_fd_ = OpenListener(opt_.port, error);
+  if (listen_fd_ < 0) return false;
+  sockaddr_in addr{};
   socklen_t len = sizeof(addr);
   getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len);
   port_.store(ntohs(addr.sin_port));
@@ -166,20 +236,15 @@ void VirtualLidar::Stop() {
   }
   stop_cv_.notify_all();
   if (accept_thread_.joinable()) accept_thread_.join();
-  if (listen_fd_ >= 0) {
-    net::CloseSocket(listen_fd_);
-    net::Cleanup();
-    listen_fd_ = -1;
+  if (listen_fd_ >= 0) net::CloseSocket(listen_fd_);
+  listen_fd_ = -1;
+  DropConnections();
+  for (int& fd : wake_pipe_) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
   }
-  std::vector<std::unique_ptr<Connection>> conns;
-  {
-    std::lock_guard<std::mutex> lock(conn_mu_);
-    for (auto& c : connections_)
-      if (c->fd >= 0) ::shutdown(c->fd, SHUT_RDWR);
-    conns.swap(connections_);
-  }
-  for (auto& c : conns)
-    if (c->thread.joinable()) c->thread.join();
+  if (ktc_started_) net::Cleanup();
+  ktc_started_ = false;
   if (serial_thread_.joinable()) serial_thread_.join();
   if (udp_) udp_->Stop();
   udp_.reset();
@@ -200,10 +265,35 @@ std::string VirtualLidar::data_port_path() const {
   return data_pty_ ? data_pty_->path() : std::string();
 }
 
+void VirtualLidar::DropConnections() {
+  std::vector<std::unique_ptr<Connection>> conns;
+  {
+    std::lock_guard<std::mutex> lock(conn_mu_);
+    for (auto& c : connections_)
+      if (c->fd >= 0) ::shutdown(c->fd, SHUT_RDWR);
+    conns.swap(connections_);
+  }
+  for (auto& c : conns)
+    if (c->thread.joinable()) c->thread.join();
+}
+
 void VirtualLidar::AcceptLoop() {
   while (running_.load()) {
-    pollfd p{listen_fd_, POLLIN, 0};
-    if (::poll(&p, 1, kPollMs) <= 0) continue;
+    pollfd p[2] = {{listen_fd_, POLLIN, 0}, {wake_pipe_[0], POLLIN, 0}};
+    if (::poll(p, 2, kPollMs) <= 0) continue;
+    if (p[1].revents & POLLIN) {
+      uint8_t drain[16];
+      while (::read(wake_pipe_[0], drain, sizeof(drain)) > 0) {
+      }
+      bool requested = false;
+      {
+        std::lock_guard<std::mutex> lock(stop_mu_);
+        requested = restart_step_ == RestartStep::kRequested;
+      }
+      if (requested) RunRestart();
+      continue;
+    }
+    if (!(p[0].revents & POLLIN)) continue;
     const int fd = ::accept(listen_fd_, nullptr, nullptr);
     if (fd < 0) continue;
     path_->Note("KTC connection accepted");
@@ -275,10 +365,15 @@ void VirtualLidar::Serve(Connection* conn) {
         silent = silent_[req->cmd];
       }
       if (silent || !reply.send) continue;
-      const auto frame = BuildKtcReply(version, req->cmd, reply.return_code, reply.payload);
-      for (const WriteStep& step : ShapeReply(version, frame, failure.mode, failure.param)) {
+      // A swallowed or refused request leaves the sensor running; the other failure modes
+      // only spoil the reply on its way, the sensor itself has taken the command.
+      const bool restart = reply.lifecycle != Lifecycle::kNone && failure.mode != FailureMode::kNoReply &&
+                           failure.mode != FailureMode::kReturnCode && BeginRestart(reply.lifecycle);
+      auto frame = BuildKtcReply(version, req->cmd, reply.return_code, reply.payload);
+      std::vector<uint8_t>().swap(reply.payload);  // a log is big; one copy in memory is enough
+      for (const WriteStep& step : ShapeReply(version, std::move(frame), failure.mode, failure.param)) {
         if (Pause(step.delay_ms)) {
-          open = false;
+          close_conn(false);
           break;
         }
         path_->Send("KTC", step.bytes, write_fd);
@@ -288,6 +383,7 @@ void VirtualLidar::Serve(Connection* conn) {
         }
       }
       if (open && reply.close_after) close_conn(false);
+      if (restart) RestartReplySent();
     }
   }
   {
@@ -340,9 +436,11 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     const std::vector<uint8_t> rest(p.begin() + 4, p.end());
     if (auto inner = ParseWholeV1Frame(rest.data(), rest.size()); inner && inner->cmd == req.cmd)
       return OnPiece(req.cmd, CodeBytes(code), inner->payload, conn);
+    if (auto log = LogAnswer(CommandKey{true, code}, rest)) return std::move(*log);
     if (auto a = bank_->Handle(CommandKey{true, code}, rest)) {
       r.return_code = a->return_code;
       r.payload = std::move(a->payload);
+      r.lifecycle = LifecycleOf(CommandKey{true, code}, r.return_code);
       return r;
     }
     r.return_code = kRcUnknownCommand;
@@ -352,19 +450,129 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
   if (auto inner = ParseWholeV1Frame(p.data(), p.size()); inner && inner->cmd == req.cmd)
     return OnPiece(req.cmd, {}, inner->payload, conn);
   if (auto fov = FovAnswer(req.cmd, p)) return *fov;
+  if (req.cmd == kTableReadCmd && p.empty()) {
+    r.payload = table_bytes_;
+    return r;
+  }
+  if (auto log = LogAnswer(CommandKey{false, req.cmd}, p)) return std::move(*log);
   const bool probe = req.cmd == 7 || req.cmd == 8;
   if (auto a = bank_->Handle(CommandKey{false, req.cmd}, p)) {
     // A table may use 7 or 8 for a read of its own; a probe still gets its plain answer.
     if (!(probe && a->return_code != 0)) {
       r.return_code = a->return_code;
       r.payload = std::move(a->payload);
+      r.lifecycle = LifecycleOf(CommandKey{false, req.cmd}, r.return_code);
       return r;
     }
   }
   // The probes of the connection lifecycle answer with an empty payload.
   if (probe) return r;
-  r.return_code = kRcUnknownCommand;
+  // The table read-back is known to every model; only its payload can be wrong.
+  r.return_code = req.cmd == kTableReadCmd ? kRcBadPayload : kRcUnknownCommand;
   return r;
+}
+
+std::optional<VirtualLidar::Reply> VirtualLidar::LogAnswer(const CommandKey& key, const std::vector<uint8_t>& p) {
+  bool known = false;
+  for (const LogVar& log : logs_) {
+    if (!(log.key == key)) continue;
+    known = true;
+    const size_t n = log.payload.size();
+    if (p.size() != n + (log.operation ? 2 : 0) || !std::equal(log.payload.begin(), log.payload.end(), p.begin()))
+      continue;
+    std::optional<uint16_t> selector;
+    if (log.operation) selector = static_cast<uint16_t>((p[n] << 8) | p[n + 1]);
+    const auto title = LogTitle(log, selector);
+    if (!title) continue;
+    Reply r;
+    if (key.extended) r.payload = CodeBytes(key.code);
+    const auto body = BuildLogBody(*title, log_size_.load());
+    if (r.payload.empty()) {
+      r.payload = std::move(body);
+    } else {
+      r.payload.insert(r.payload.end(), body.begin(), body.end());
+    }
+    return r;
+  }
+  if (!known) return std::nullopt;
+  // A log's command answers its log only: another payload or selector is refused.
+  Reply r;
+  r.return_code = kRcBadPayload;
+  if (key.extended) r.payload = CodeBytes(key.code);
+  return r;
+}
+
+VirtualLidar::Lifecycle VirtualLidar::LifecycleOf(const CommandKey& key, uint8_t return_code) const {
+  if (return_code != 0) return Lifecycle::kNone;
+  if (reset_key_ && *reset_key_ == key) return Lifecycle::kReset;
+  if (restart_key_ && *restart_key_ == key) return Lifecycle::kRestart;
+  return Lifecycle::kNone;
+}
+
+bool VirtualLidar::BeginRestart(Lifecycle kind) {
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    if (stopping_ || restart_step_ != RestartStep::kNone) return false;
+    restart_step_ = RestartStep::kRequested;
+    restart_kind_ = kind;
+  }
+  const uint8_t wake = 1;
+  if (::write(wake_pipe_[1], &wake, 1) != 1) {
+    // The pipe holds a wake-up already (it is only ever drained by the accept thread).
+  }
+  // The listening socket goes first, so that no client can connect between the reply and
+  // the restart.
+  std::unique_lock<std::mutex> lock(stop_mu_);
+  stop_cv_.wait(lock, [this] { return stopping_ || restart_step_ == RestartStep::kListenerClosed; });
+  return restart_step_ == RestartStep::kListenerClosed;
+}
+
+void VirtualLidar::RestartReplySent() {
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    if (restart_step_ == RestartStep::kListenerClosed) restart_step_ = RestartStep::kReplied;
+  }
+  stop_cv_.notify_all();
+}
+
+void VirtualLidar::RunRestart() {
+  Lifecycle kind;
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    net::CloseSocket(listen_fd_);
+    listen_fd_ = -1;
+    restart_step_ = RestartStep::kListenerClosed;
+    kind = restart_kind_;
+  }
+  stop_cv_.notify_all();
+  {
+    std::unique_lock<std::mutex> lock(stop_mu_);
+    stop_cv_.wait(lock, [this] { return stopping_ || restart_step_ == RestartStep::kReplied; });
+    if (stopping_) return;
+  }
+  DropConnections();
+  if (kind == Lifecycle::kReset) {
+    bank_->RestoreDefaults();
+    fov_.RestoreDefaults();
+  }
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    ++restarts_;
+    if (kind == Lifecycle::kReset) ++resets_;
+  }
+  path_->Note(std::string(kind == Lifecycle::kReset ? "reset" : "restart") + ": connections closed, back in " +
+              std::to_string(restart_delay_ms_.load()) + " ms");
+  if (Pause(restart_delay_ms_.load())) return;
+  bank_->RestartRunTimes();
+  std::string why;
+  // Another program may have taken the port meanwhile; a sensor keeps trying.
+  while ((listen_fd_ = OpenListener(port_.load(), &why)) < 0) {
+    path_->Note("restart: " + why + "; trying again");
+    if (Pause(10 * kPollMs)) return;
+  }
+  path_->Note("restart: listening again");
+  std::lock_guard<std::mutex> lock(stop_mu_);
+  restart_step_ = RestartStep::kNone;
 }
 
 std::optional<VirtualLidar::Reply> VirtualLidar::FovAnswer(uint8_t cmd, const std::vector<uint8_t>& p) {
@@ -540,6 +748,41 @@ void VirtualLidar::ResetCounters() {
   ext_last_payload_.clear();
   serial_counts_.clear();
   serial_last_payload_.clear();
+}
+
+uint64_t VirtualLidar::RestartCount() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return restarts_;
+}
+
+uint64_t VirtualLidar::ResetCount() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return resets_;
+}
+
+void VirtualLidar::SetRestartDelay(int ms) {
+  restart_delay_ms_.store(std::max(ms, 0));
+}
+
+void VirtualLidar::SetLogSize(uint32_t bytes) {
+  log_size_.store(std::min(bytes, kMaxLogSize));
+}
+
+std::vector<std::string> VirtualLidar::LogNames() const {
+  std::vector<std::string> names;
+  for (const auto& log : logs_) names.push_back(log.name);
+  return names;
+}
+
+std::optional<std::vector<uint8_t>> VirtualLidar::LogBody(const std::string& log_name,
+                                                          std::optional<uint16_t> selector) const {
+  for (const auto& log : logs_) {
+    if (log.name != log_name) continue;
+    const auto title = LogTitle(log, selector);
+    if (!title) return std::nullopt;
+    return BuildLogBody(*title, log_size_.load());
+  }
+  return std::nullopt;
 }
 
 std::string VirtualLidar::Value(const std::string& var_name_or_id) const {

@@ -4,7 +4,8 @@
 //
 // It serves KTC over TCP (frame version 1 or 2) from a register bank built from the
 // model table, the probes 7 and 8, extended commands (0xFF + 4-byte code), file
-// transfers, the baud-rate command of the small serial sensors and, in serial mode, the
+// transfers, restart and reset, log downloads, the read-back of the model table, the
+// baud-rate command of the small serial sensors and, in serial mode, the
 // "$LDCMD,"/"$LDOTA," protocol on two pseudo-terminals. An optional emitter sends
 // point-cloud-like datagrams. docs/virtual-lidar.md describes what it answers.
 
@@ -19,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "command_key.h"
 #include "failure_mode.h"
 #include "file_receiver.h"
 #include "fov_block.h"
@@ -41,9 +43,14 @@ struct SimOptions {
   int serial_stream_rate = 0;
   // Run times count up and temperatures drift; tests that compare exact texts turn it off.
   bool live_values = true;
+  // How long a restart (or reset) keeps the sensor off the network.
+  int restart_delay_ms = 3000;
+  // Bytes in every log body (each operation-log part too); at most kMaxLogSize.
+  uint32_t log_size = 256u * 1024u;
 };
 
 class RegisterBank;
+struct BankVariable;
 class ReplyPath;
 class UdpEmitter;
 class PtyPair;
@@ -102,7 +109,29 @@ class VirtualLidar {
   void SetSmallSensor(const SmallSensorState& state);
   uint64_t DatagramsSent() const;
 
+  // Restart and reset (the set commands of the table's "Restart" and "Reset" variables):
+  // restarts begun and resets done since Start. A reset counts as a restart too.
+  uint64_t RestartCount() const;
+  uint64_t ResetCount() const;
+  // Takes effect from the next restart.
+  void SetRestartDelay(int ms);
+  // Takes effect from the next log request; clamped to kMaxLogSize.
+  void SetLogSize(uint32_t bytes);
+
+  // Logs: the table's "raw" variables with a get command and no set command, by var_name.
+  std::vector<std::string> LogNames() const;
+  // The exact body the sensor sends for a log now. The operation log wants the selector of
+  // one of its parts (first selector byte in the high half: 0x0101 is 01 01); the other
+  // logs want none. nullopt for an unknown log or a selector that does not fit it.
+  std::optional<std::vector<uint8_t>> LogBody(const std::string& log_name,
+                                              std::optional<uint16_t> selector = std::nullopt) const;
+
   static constexpr uint32_t kDefaultBaudRate = 115200;
+  // The reply holding a log is built in memory (twice, briefly), so its size is capped far
+  // below what the 32-bit length field could carry.
+  static constexpr uint32_t kMaxLogSize = 1u << 30;
+  // Command 0x74 with an empty payload answers the model table file.
+  static constexpr uint8_t kTableReadCmd = 0x74;
 
  private:
   struct Connection;
@@ -111,16 +140,46 @@ class VirtualLidar {
     FailureMode mode = FailureMode::kNone;
     int param = 0;
   };
+  enum class Lifecycle { kNone, kRestart, kReset };
+  // A log of the table: its get command and the payload that asks for it.
+  struct LogVar {
+    std::string name;
+    CommandKey key;
+    std::vector<uint8_t> payload;
+    bool operation = false;  // the operation log: payload + two selector bytes
+  };
+  // Where a restart stands: a connection thread asks (kRequested), the accept thread closes
+  // the listening socket (kListenerClosed), the connection thread sends its reply
+  // (kReplied), the accept thread drops every connection, waits and listens again (kNone).
+  enum class RestartStep { kNone, kRequested, kListenerClosed, kReplied };
 
   bool StartKtc(std::string* error);
+  // Learns the restart and reset commands and the logs from the table.
+  void FindMaintenanceVariables(const std::vector<BankVariable>& vars);
+  // A listening socket on opt_.host:port, or -1 with a reason.
+  int OpenListener(uint16_t port, std::string* error);
   bool StartSerial(std::string* error);
   void AcceptLoop();
+  // Shuts every KTC connection down and joins its thread.
+  void DropConnections();
   void Serve(Connection* conn);
   Reply Dispatch(const KtcRequest& req, const Connection* conn);
   Reply OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix, const std::vector<uint8_t>& piece,
                 const Connection* conn);
   // The answer to a field-of-view read or write; nullopt for other commands.
   std::optional<Reply> FovAnswer(uint8_t cmd, const std::vector<uint8_t>& payload);
+  // The answer to a log request; nullopt when the command is no log's.
+  std::optional<Reply> LogAnswer(const CommandKey& key, const std::vector<uint8_t>& payload);
+  // What the request starts once answered: a restart or reset when it is the set command
+  // of the table's "Restart"/"Reset" variable and the bank took it.
+  Lifecycle LifecycleOf(const CommandKey& key, uint8_t return_code) const;
+  // Connection thread: asks for a restart and waits until the listening socket is closed;
+  // false when a restart is already under way or the sensor is stopping.
+  bool BeginRestart(Lifecycle kind);
+  // Connection thread: its reply is out; the accept thread goes on with the restart.
+  void RestartReplySent();
+  // Accept thread: the rest of the restart.
+  void RunRestart();
   FailureSpec FailureFor(uint8_t cmd) const;
   void Count(const KtcRequest& req);
   void SerialLoop();
@@ -139,7 +198,17 @@ class VirtualLidar {
   std::atomic<bool> running_{false};
   std::atomic<uint16_t> port_{0};
   std::atomic<uint32_t> baud_rate_{kDefaultBaudRate};
-  int listen_fd_ = -1;
+  int listen_fd_ = -1;  // the accept thread's once it runs (it closes and reopens it on restart)
+  bool ktc_started_ = false;
+  // A connection thread's byte here wakes the accept thread for a restart.
+  int wake_pipe_[2] = {-1, -1};
+  std::atomic<int> restart_delay_ms_;
+  std::atomic<uint32_t> log_size_;
+  // Set in Start from the table, before any connection thread runs; read-only afterwards.
+  std::optional<CommandKey> restart_key_;
+  std::optional<CommandKey> reset_key_;
+  std::vector<LogVar> logs_;
+  std::vector<uint8_t> table_bytes_;
   std::thread accept_thread_;
   std::thread serial_thread_;
 
@@ -161,11 +230,16 @@ class VirtualLidar {
   std::map<uint8_t, std::vector<uint8_t>> serial_last_payload_;
   FileReceiver files_;
   const Connection* transfer_owner_ = nullptr;
+  uint64_t restarts_ = 0;
+  uint64_t resets_ = 0;
 
-  // Lets Pause() in the connection threads wake at once when Stop is called.
+  // Lets Pause() wake at once when Stop is called, and carries the restart hand-over
+  // between a connection thread and the accept thread.
   std::mutex stop_mu_;
   std::condition_variable stop_cv_;
   bool stopping_ = false;
+  RestartStep restart_step_ = RestartStep::kNone;
+  Lifecycle restart_kind_ = Lifecycle::kNone;
 };
 
 }  // namespace varkel::sim

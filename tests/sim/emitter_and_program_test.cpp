@@ -73,21 +73,31 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   using varkel::sim::ParseSimCommandLine;
   varkel::sim::SimCommandLine cl;
   std::string error;
-  ASSERT_TRUE(ParseSimCommandLine({"--model", "Zelto-KTC", "--port", "0", "--ktc-version", "2", "--serial", "--udp",
-                                   "127.0.0.1:2368", "--fail", "delay:0x07:500", "--fail", "no-reply", "--verbose"},
-                                  &cl, &error))
+  ASSERT_TRUE(ParseSimCommandLine(
+      {"--model", "Zelto-KTC", "--port", "0", "--ktc-version", "2", "--serial", "--udp", "127.0.0.1:2368", "--fail",
+       "delay:0x07:500", "--fail", "no-reply", "--verbose", "--restart-delay", "250", "--log-size", "16777216"},
+      &cl, &error))
       << error;
   const auto& op = cl.options;
   EXPECT_EQ(std::make_tuple(op.model, op.port, op.ktc_version, op.serial, op.udp_target, op.udp_rate, op.verbose),
             std::make_tuple(std::string("Zelto-KTC"), uint16_t{0}, 2, true, std::string("127.0.0.1:2368"), 10, true));
+  EXPECT_EQ(std::make_pair(op.restart_delay_ms, op.log_size), std::make_pair(250, 16777216u));
   ASSERT_EQ(cl.failures.size(), 2u);
   EXPECT_EQ(std::make_tuple(cl.failures[0].mode, cl.failures[0].cmd, cl.failures[0].param),
             std::make_tuple(FailureMode::kDelay, 7, 500));
   EXPECT_EQ(std::make_tuple(cl.failures[1].mode, cl.failures[1].cmd), std::make_tuple(FailureMode::kNoReply, -1));
 
   const std::vector<std::vector<std::string>> bad_lines = {
-      {"--port", "70000"}, {"--ktc-version", "3"}, {"--fail", "explode"}, {"--fail", "delay:0x100"},
-      {"--model"},         {"--frobnicate"},       {"--rate", "0"},
+      {"--port", "70000"},
+      {"--ktc-version", "3"},
+      {"--fail", "explode"},
+      {"--fail", "delay:0x100"},
+      {"--model"},
+      {"--frobnicate"},
+      {"--rate", "0"},
+      {"--restart-delay", "-1"},
+      {"--log-size", "2000000000"},
+      {"--log-size", "1k"},
   };
   for (const auto& bad : bad_lines) {
     varkel::sim::SimCommandLine c;
