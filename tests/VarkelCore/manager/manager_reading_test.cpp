@@ -45,7 +45,7 @@ TEST_F(ManagerReading, APageIsReadWithOneQueryPerCommandAndPayload) {
   EXPECT_EQ(sim_->CommandCount(0x09), 1u);
   EXPECT_EQ(sim_->CommandCount(0x03), 0u);  // the other page
   log_->Flush();
-  EXPECT_EQ(log_->Trace(), std::vector<std::string>{"myMapChanged"});
+  EXPECT_EQ(log_->Trace(), (std::vector<std::string>{"isDownloadLogChanged", "isDownloadLogChanged", "myMapChanged"}));
   for (const char* name : {"SN", "PN", "Hardware Version", "Software Version", "IP Address", "MAC Address", "Port",
                            "Mode", "Level", "Enable", "Threshold"})
     EXPECT_EQ(Value(name), sim_->Value(name)) << name;
