@@ -133,7 +133,12 @@ class VarkelManager : public QObject {
   Q_INVOKABLE void ClearSetMap();
   Q_INVOKABLE int getSetMapSize();
   Q_INVOKABLE void StartGetConfigFile();
-  // Console, restart/reset, upgrades and log downloads come here.
+  // Sends a command typed as hexadecimal text (code, and payload bytes separated by
+  // blanks) and keeps the reply texts and the history; results arrive as signals.
+  Q_INVOKABLE void SendCommand(QString cmd_qs, QString payload_qs);
+  Q_INVOKABLE QString getSendKtcCommandReturnHeader();
+  Q_INVOKABLE QString getSendKtcCommandReturnPayload();
+  // Restart/reset, upgrades and log downloads come here.
   Q_INVOKABLE void GetLidarModuleInfo(int module);
   Q_INVOKABLE bool UpdateSingleVarInfo(QString qs_var_info, QString search_type = "var_name");
   Q_INVOKABLE bool CheckVarIsWithinRange(QString qs_var_info, QString search_type = "var_name");
