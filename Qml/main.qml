@@ -1,6 +1,7 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
+import QtQuick.Dialogs 1.3
 import "assembly"
 
 // The main user interface. It holds no lidar logic: it binds to the controller
@@ -27,6 +28,14 @@ Rectangle {
     property int pendingSavePage: -1
     property string lastLogText: ""
     property string lastLogType: "INFO"
+    // What the loaded table offers beyond its pages; looked up again on every model change.
+    property bool hasMaintenanceMenu: false
+    property bool hasOperationLog: false
+    // The log whose download this window started, for its row's busy state.
+    property string activeLogDownload: ""
+    // A question of the message window waiting for its answer: "reset", or "" for a save.
+    property string pendingAction: ""
+    readonly property bool lineIdle: connected && !varkel_manager.IsUpgrading && !varkel_manager.IsDownloadLog
 
     // Writing comes with the controller's editing functions; without them pages are read-only.
     readonly property bool canWrite: typeof varkel_manager.SetText === "function"
@@ -34,6 +43,12 @@ Rectangle {
                                     && typeof varkel_manager.getSetMapSize === "function"
                                     && typeof varkel_manager.CheckModuleVarsWithinRange === "function"
     readonly property bool canEditFov: typeof varkel_manager.SetMultiFovConfig === "function"
+    readonly property bool canMaintain: typeof varkel_manager.Restart === "function"
+                                        && typeof varkel_manager.Reset === "function"
+    readonly property bool canDownloadLogs: typeof varkel_manager.DownloadOperationLog === "function"
+                                            && typeof varkel_manager.DownloadLog === "function"
+
+    Component.onCompleted: refreshTableFunctions()
 
     // ---- functions every page uses ---------------------------------------------------
 
@@ -49,6 +64,7 @@ Rectangle {
             pendingSavePage = -1;
             messageWindow.ask(msg, btn_text);
         }
+        pendingAction = "";
     }
 
     function callErrorInfoWindow(msg) {
@@ -169,6 +185,40 @@ Rectangle {
         if (varkel_manager.IsConnected && connectType === 0) varkel_manager.GetLidarModuleInfo(page);
     }
 
+    function refreshTableFunctions() {
+        var has = function (name) { return varkel_manager.CheckVarExistsInConfigFileByName(name); };
+        hasMaintenanceMenu = varkel_manager.connectType === 0 && (has("Restart") || has("Reset"));
+        hasOperationLog = has("Operation Log");
+    }
+
+    // ---- maintenance and logs ----------------------------------------------------------
+
+    function restartLidar() {
+        if (varkel_manager.Restart() === 0) callSuccessInfoWindow("Lidar restart.");
+    }
+
+    // A reset erases the lidar's configuration, so it is only sent once the user agrees.
+    function askReset() {
+        messageWindow.ask("Reset All Settings erases the configuration of the lidar and returns every setting to "
+                          + "its factory value; the lidar then restarts. Do you wish to continue?", "Reset");
+        pendingSavePage = -1;
+        pendingAction = "reset";
+    }
+
+    function resetLidar() {
+        if (varkel_manager.Reset() === 0) callSuccessInfoWindow("Lidar reset.");
+    }
+
+    function downloadOperationLog(fileUrl) {
+        activeLogDownload = "Operation Log";
+        varkel_manager.DownloadOperationLog(fileUrl);
+    }
+
+    function downloadLog(folderUrl, name) {
+        activeLogDownload = name;
+        varkel_manager.DownloadLog(folderUrl, name);
+    }
+
     function modelIndexAtStart() {
         var list = varkel_manager.LidarModelList;
         var wanted = varkel_manager.getVMNowName();
@@ -223,6 +273,8 @@ Rectangle {
         function onMyTimerMapChanged() { root.liveMap = varkel_manager.myMap; }
         function onMyMapChanged() { root.liveMap = varkel_manager.myMap; }
         function onLidarClearModel() { root.outOfRangeNames = []; }
+        function onLidarModelChanged() { root.refreshTableFunctions(); }
+        function onConnectTypeChanged() { root.refreshTableFunctions(); }
         function onLidarShowModel() {
             tabs.currentIndex = 0;
             root.showPage(0);
@@ -402,6 +454,13 @@ Rectangle {
                     enabled: !varkel_manager.IsDownloadLog
                     onClicked: root.pressConnect()
                 }
+                MaintenanceMenuButton {
+                    objectName: "maintenanceButton"
+                    visible: root.hasMaintenanceMenu
+                    actionsEnabled: root.canMaintain && root.lineIdle
+                    onRestartRequested: root.restartLidar()
+                    onResetRequested: root.askReset()
+                }
                 DefaultToolButton {
                     objectName: "aboutButton"
                     text: "About"
@@ -416,7 +475,7 @@ Rectangle {
             objectName: "pageTabs"
             Layout.fillWidth: true
             Layout.fillHeight: true
-            titles: root.pageTitles.concat(["Log"])
+            titles: root.connectType === 0 ? root.pageTitles.concat(["Log", "Send Command"]) : ["Log"]
             onCurrentIndexChanged: root.showPage(currentIndex)
 
             Repeater {
@@ -490,7 +549,34 @@ Rectangle {
                             color: Theme.divider
                         }
                     }
+                    LogDownloadRow {
+                        objectName: "logRow_Operation Log"
+                        width: parent.width
+                        visible: root.connectType === 0 && root.hasOperationLog
+                        label: "Operation Log"
+                        busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
+                        canStart: root.canDownloadLogs && root.lineIdle
+                        onTriggered: operationLogDialog.open()
+                    }
+                    Repeater {
+                        model: root.connectType === 0 ? varkel_manager.logRepeaterModel : []
+                        delegate: LogDownloadRow {
+                            objectName: "logRow_" + label
+                            width: parent.width
+                            label: String(modelData)
+                            busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
+                            canStart: root.canDownloadLogs && root.lineIdle
+                            onTriggered: {
+                                logFolderDialog.logName = label;
+                                logFolderDialog.open();
+                            }
+                        }
+                    }
                 }
+            }
+
+            CommandPage {
+                manager: varkel_manager
             }
         }
 
@@ -550,9 +636,30 @@ Rectangle {
         id: logWindow
         manager: varkel_manager
     }
+    FileDialog {
+        id: operationLogDialog
+        title: "Save the operation log as"
+        selectExisting: false
+        nameFilters: ["Archives (*.tar)", "All files (*)"]
+        folder: shortcuts.documents
+        onAccepted: root.downloadOperationLog(fileUrl)
+    }
+    FileDialog {
+        id: logFolderDialog
+        property string logName: ""
+        title: "Folder for the " + logName
+        selectFolder: true
+        folder: shortcuts.documents
+        onAccepted: root.downloadLog(fileUrl, logName)
+    }
     MessageWindow {
         id: messageWindow
         onConfirmed: {
+            if (root.pendingAction === "reset") {
+                root.pendingAction = "";
+                root.resetLidar();
+                return;
+            }
             if (root.pendingSavePage >= 0) root.runSave(root.pendingSavePage);
             root.pendingSavePage = -1;
         }

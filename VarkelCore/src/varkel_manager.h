@@ -135,11 +135,16 @@ class VarkelManager : public QObject {
   Q_INVOKABLE void ClearSetMap();
   Q_INVOKABLE int getSetMapSize();
   Q_INVOKABLE void StartGetConfigFile();
-  // Console, upgrades come here.
+  // Sends a command typed as hexadecimal text (code, and payload bytes separated by
+  // blanks) and keeps the reply texts and the history; results arrive as signals.
+  Q_INVOKABLE void SendCommand(QString cmd_qs, QString payload_qs);
+  Q_INVOKABLE QString getSendKtcCommandReturnHeader();
+  Q_INVOKABLE QString getSendKtcCommandReturnPayload();
   // Send the table's "Restart" / "Reset" command; 0, -1 when refused or not in the table,
   // or the sensor's return code. Success disconnects.
   Q_INVOKABLE int Restart();
   Q_INVOKABLE int Reset();
+  // Upgrades come here.
   // Log downloads on a worker thread: 0 started, -1 refused (not connected, upgrading, or
   // a download already running). `fileUrl` names the archive (operation log) or the folder.
   Q_INVOKABLE int DownloadOperationLog(QUrl fileUrl);

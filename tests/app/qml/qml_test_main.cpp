@@ -124,6 +124,9 @@ int main(int argc, char** argv) {
   ini.write(QStringLiteral("[General]\ndevice_ip_address=127.0.0.1\nktc_port=%1\n").arg(sim.port()).toUtf8());
   ini.close();
 
+  // As the program names itself: the file dialogs keep their settings under this name.
+  QCoreApplication::setOrganizationName(QStringLiteral("QuarnTech"));
+  QCoreApplication::setOrganizationDomain(QStringLiteral("quarntech.example"));
   Harness harness(&sim);
   const int status = quick_test_main_with_setup(argc, argv, "app_qml_tests", VARKEL_QML_TEST_DIR, &harness);
   sim.Stop();

@@ -81,16 +81,23 @@ Item {
 
         function save(page) { mouseClick(child("saveButton_" + page)); }
 
+        function selectModelNamed(name) {
+            var combo = child("modelCombo");
+            combo.currentIndex = combo.find(name);
+            verify(combo.currentIndex >= 0, "no model " + name);
+            combo.activated(combo.currentIndex);
+        }
+
         function test_model_switch_rebuilds_tabs_and_fields() {
             var tabs = child("pageTabs");
             var combo = child("modelCombo");
             var quentaPages = vm.level1List;
-            compare(tabs.titles, quentaPages.concat(["Log"]));
+            compare(tabs.titles, quentaPages.concat(["Log", "Send Command"]));
 
             combo.currentIndex = combo.find("Quenta-Lite");
             combo.activated(combo.currentIndex);
             verify(JSON.stringify(vm.level1List) !== JSON.stringify(quentaPages), "the table did not change");
-            compare(tabs.titles, vm.level1List.concat(["Log"]));
+            compare(tabs.titles, vm.level1List.concat(["Log", "Send Command"]));
             compare(tabs.currentIndex, 0);
             verify(logLines().indexOf("INFO Current selected model is Quenta-Lite") >= 0);
 
@@ -254,6 +261,82 @@ Item {
             vm.GetLidarModuleInfo(0);
             tryVerify(() => logLines().slice(before).some(l => l.indexOf("BYTES") === 0), 10000,
                       "no byte lines after switching the byte flow on");
+        }
+
+        function test_command_page_sends_and_recalls() {
+            connectNow();
+            var tabs = child("pageTabs");
+            tabs.currentIndex = tabs.titles.indexOf("Send Command");
+            var code = child("commandCodeField");
+            var payload = child("commandPayloadField");
+            harness.resetCounters();
+            typeText(code, "0x07");
+            mouseClick(child("commandSendButton"));
+            compare(harness.commandCount(7), 1);
+            compare(child("returnHeaderText").text, "47 74 07 00 00 00 00 00");
+            compare(child("returnPayloadText").text, "");
+            var row = child("historyRow_0");
+            compare(row.codeText, "07");
+            compare(row.payloadText, "");
+
+            typeText(code, "8");
+            typeText(payload, "0x01 02");
+            keyClick(Qt.Key_Return);  // Enter sends too
+            compare(harness.commandCount(8), 1);
+            compare(child("historyRow_0").codeText, "8");
+            compare(child("historyRow_0").payloadText, "01 02");
+
+            // The older row, second from the top, fills both fields again.
+            code.text = "";
+            payload.text = "ff";
+            mouseClick(child("historyRow_1"));
+            compare(code.text, "07");
+            compare(payload.text, "");
+            mouseClick(child("historyRow_0"));
+            compare(code.text, "8");
+            compare(payload.text, "01 02");
+        }
+
+        function test_restart_menu_and_log_rows_follow_the_table() {
+            var menuButton = child("maintenanceButton");
+            verify(menuButton.visible, "Quenta has Restart and Reset");
+            mouseClick(menuButton);
+            var menu = child("maintenanceMenu");
+            tryCompare(menu, "opened", true);
+            compare(child("restartEntry").text, "Restart");
+            compare(child("resetEntry").text, "Reset All Settings");
+            compare(child("restartEntry").height, 42);
+            compare(child("resetEntry").height, 42);
+            verify(!child("restartEntry").enabled, "maintenance offered while disconnected");
+            menu.close();
+
+            // A reset waits for the user's agreement; declining sends nothing.
+            harness.resetCounters();
+            menuButton.resetRequested();
+            var ask = child("messageWindow");
+            verify(ask.visible && ask.asks);
+            compare(ask.buttonText, "Reset");
+            ask.close();
+            compare(harness.commandCount(0x25), 0);
+
+            // The log page offers the table's logs.
+            var tabs = child("pageTabs");
+            tabs.currentIndex = tabs.titles.indexOf("Log");
+            verify(child("logRow_Operation Log").visible);
+            verify(findChild(ui, "logRow_Fault Log") !== null && findChild(ui, "logRow_Event Log") !== null);
+            verify(!findChild(child("logRow_Fault Log"), "downloadButton").enabled, "download offered while disconnected");
+
+            // Network connections only: neither the menu nor the downloads for the small sensors.
+            selectModelNamed("Zelto-KTC");
+            compare(vm.connectType, 2);
+            verify(!menuButton.visible);
+            compare(tabs.titles[tabs.currentIndex], "Log");
+            verify(!child("logRow_Operation Log").visible);
+            compare(findChild(ui, "logRow_Fault Log"), null);
+            selectModelNamed("Zelto");
+            verify(!menuButton.visible);
+            selectModelNamed("Quenta");
+            verify(menuButton.visible);
         }
     }
 }
