@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <thread>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -111,15 +114,25 @@ TEST_F(ManagerConsole, RequestsAndRepliesAsHexText) {
 
 TEST_F(ManagerConsole, LongRepliesAreCutWithAWarning) {
   LoadAndConnect();
+  // The two raw get-only rows are logs to the sensor: their reply is a body of the log size.
   const struct {
-    const char *cmd, *length_field, *error;
-  } cases[] = {{"40", "00 00 04 00", ""}, {"41", "00 00 05 DC", kTooLong}};
+    const char *cmd, *log, *length_field, *error;
+    uint32_t size;
+  } cases[] = {{"40", "Fits Block", "00 00 04 00", "", 1024}, {"41", "Long Block", "00 00 05 DC", kTooLong, 1500}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.cmd);
+    sim_->SetLogSize(c.size);
     m_->setErrorMsg("");
     Send(c.cmd, "");
     EXPECT_EQ(Header(), std::string("47 74 ") + c.cmd + " 00 " + c.length_field);
-    EXPECT_EQ(Payload(), Zeros(1024));
+    const std::vector<uint8_t> body = sim_->LogBody(c.log).value();
+    std::string shown;
+    for (size_t i = 0; i < 1024; ++i) {
+      char byte[4];
+      std::snprintf(byte, sizeof(byte), i ? " %02X" : "%02X", body[i]);
+      shown += byte;
+    }
+    EXPECT_EQ(Payload(), shown);
     EXPECT_EQ(Error(), c.error);
   }
 }
@@ -197,12 +210,16 @@ TEST_F(ManagerConsole, AFailedQueryClearsTheReplyAndAddsNoEntry) {
 
 TEST_F(ManagerConsole, RestartAndResetCommandsDisconnect) {
   LoadAndConnect();
+  sim_->SetRestartDelay(200);  // the sensor really restarts on 0x10
   const struct {
     const char *cmd, *payload, *message, *header_start;
   } cases[] = {{"10", "", "Lidar restart.", "47 74 10"}, {"0x25", "02", "Lidar reset.", "47 74 25"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.cmd);
-    ASSERT_TRUE(m_->getIsConnected() || Connect());
+    if (!m_->getIsConnected()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(400));
+      ASSERT_TRUE(Connect());
+    }
     Send(c.cmd, c.payload);
     EXPECT_FALSE(m_->getIsConnected());
     EXPECT_EQ(m_->getSuccessMessage().toStdString(), c.message);
