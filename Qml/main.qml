@@ -646,6 +646,7 @@ Rectangle {
     }
     FileDialog {
         id: logFolderDialog
+        objectName: "logFolderDialog"
         property string logName: ""
         title: "Folder for the " + logName
         selectFolder: true

@@ -12,8 +12,10 @@
 #include <QtQuickTest>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
@@ -72,6 +74,26 @@ class Harness : public QObject {
     return static_cast<int>(sim_->CommandCount(static_cast<uint8_t>(cmd)));
   }
   Q_INVOKABLE void resetCounters() { sim_->ResetCounters(); }
+  Q_INVOKABLE void setRestartDelay(int ms) { sim_->SetRestartDelay(ms); }
+  Q_INVOKABLE void setLogSize(int bytes) { sim_->SetLogSize(static_cast<uint32_t>(bytes)); }
+  Q_INVOKABLE int resetCount() const { return static_cast<int>(sim_->ResetCount()); }
+  // A fresh folder for downloads, removed with the harness.
+  Q_INVOKABLE QUrl makeFolder() {
+    folders_.push_back(std::make_unique<QTemporaryDir>());
+    return QUrl::fromLocalFile(folders_.back()->path());
+  }
+  // Names of the files in `folder` that start with `prefix`.
+  Q_INVOKABLE QStringList filesIn(const QUrl& folder, const QString& prefix) const {
+    return QDir(folder.toLocalFile()).entryList({prefix + "*"}, QDir::Files);
+  }
+  // Whether the file holds exactly the body the virtual lidar sends for `log`.
+  Q_INVOKABLE bool holdsLog(const QUrl& folder, const QString& name, const QString& log) const {
+    QFile file(folder.toLocalFile() + "/" + name);
+    if (!file.open(QIODevice::ReadOnly)) return false;
+    const QByteArray bytes = file.readAll();
+    const auto body = sim_->LogBody(log.toStdString());
+    return body && std::vector<uint8_t>(bytes.begin(), bytes.end()) == *body;
+  }
   // The payload of the last request with command `cmd` as upper-case hexadecimal, "0A 1B".
   Q_INVOKABLE QString lastPayloadHex(int cmd) const {
     const std::vector<uint8_t> payload = sim_->LastPayload(static_cast<uint8_t>(cmd));
@@ -92,6 +114,7 @@ class Harness : public QObject {
   QQuickItem* item_ = nullptr;
   TestManager* manager_ = nullptr;
   QQmlContext* context_ = nullptr;
+  std::vector<std::unique_ptr<QTemporaryDir>> folders_;
 };
 
 }  // namespace

@@ -338,5 +338,42 @@ Item {
             selectModelNamed("Quenta");
             verify(menuButton.visible);
         }
+    
+        function test_reset_after_agreement_and_a_log_download_from_its_row() {
+            harness.setRestartDelay(300);
+            harness.setLogSize(200000);
+            connectNow();
+            // Reset: only once the user agrees; the lidar restarts and the light goes red.
+            var before = harness.resetCount();
+            child("maintenanceButton").resetRequested();
+            var ask = child("messageWindow");
+            verify(ask.visible && ask.asks);
+            mouseClick(child("messageConfirmButton"));
+            tryCompare(child("connectButton"), "text", "Connect", 10000);
+            tryVerify(() => harness.resetCount() === before + 1, 5000, "the lidar did not reset");
+            closeNotices();
+            wait(400);  // the restart delay
+            connectNow();
+
+            // A log: the row asks for a folder, then the file arrives whole and the user is told.
+            var tabs = child("pageTabs");
+            tabs.currentIndex = tabs.titles.indexOf("Log");
+            var button = findChild(child("logRow_Fault Log"), "downloadButton");
+            verify(button.enabled);
+            mouseClick(button);
+            var dialog = child("logFolderDialog");
+            compare(dialog.logName, "Fault Log");
+            dialog.close();
+            var folder = harness.makeFolder();
+            ui.downloadLog(folder, "Fault Log");  // what the dialog does once a folder is chosen
+            tryVerify(() => child("successInfoWindow").visible, 10000, "no success notice");
+            compare(child("successInfoWindow").message, "Fault Log download successful.");
+            verify(!vm.IsDownloadLog);
+            verify(button.enabled);
+            var files = harness.filesIn(folder, "Fault Log_");
+            compare(files.length, 1);
+            verify(harness.holdsLog(folder, files[0], "Fault Log"), "the file is not the lidar's log");
+            closeNotices();
+        }
     }
 }
