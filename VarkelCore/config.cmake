@@ -13,8 +13,3 @@ target_compile_features(varkel_config PUBLIC cxx_std_17)
 target_include_directories(varkel_config PRIVATE ${VARKEL_CSV_INCLUDE_DIR})
 target_link_libraries(varkel_config PUBLIC log_lib PRIVATE ${VARKEL_CSV_LIBRARY})
 varkel_warnings(varkel_config)
-
-# Coverage feedback for the table fuzzer (fuzz/); the fuzzer target adds the rest.
-if(VARKEL_FUZZ)
-  target_compile_options(varkel_config PRIVATE -fsanitize=fuzzer-no-link)
-endif()

@@ -16,6 +16,7 @@ PACKAGES=(
   fonts-roboto-unhinted
   libqt5svg5
   xvfb x11-apps imagemagick xauth python3
+  tar
 )
 
 missing=()

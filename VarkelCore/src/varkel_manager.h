@@ -11,6 +11,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QUrl>
 #include <QVariantList>
 
 #include <array>
@@ -18,6 +19,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -133,7 +135,17 @@ class VarkelManager : public QObject {
   Q_INVOKABLE void ClearSetMap();
   Q_INVOKABLE int getSetMapSize();
   Q_INVOKABLE void StartGetConfigFile();
-  // Console, restart/reset, upgrades and log downloads come here.
+  // Console, upgrades come here.
+  // Send the table's "Restart" / "Reset" command; 0, -1 when refused or not in the table,
+  // or the sensor's return code. Success disconnects.
+  Q_INVOKABLE int Restart();
+  Q_INVOKABLE int Reset();
+  // Log downloads on a worker thread: 0 started, -1 refused (not connected, upgrading, or
+  // a download already running). `fileUrl` names the archive (operation log) or the folder.
+  Q_INVOKABLE int DownloadOperationLog(QUrl fileUrl);
+  // The operation log's four parts into one archive, on the calling thread.
+  Q_INVOKABLE void DownloadOperationLogThread(QUrl fileUrl);
+  Q_INVOKABLE int DownloadLog(QUrl fileUrl, QString type);
   Q_INVOKABLE void GetLidarModuleInfo(int module);
   Q_INVOKABLE bool UpdateSingleVarInfo(QString qs_var_info, QString search_type = "var_name");
   Q_INVOKABLE bool CheckVarIsWithinRange(QString qs_var_info, QString search_type = "var_name");
@@ -211,6 +223,14 @@ class VarkelManager : public QObject {
                                  std::vector<uint8_t>& slice, bool timer_round);
 
   std::shared_ptr<quarn::lidar::KtcClient> KtcClientHandle() const;
+  // The first variable found under one of `spellings`, or null.
+  VarInfo* FindNamedVar(std::initializer_list<const char*> spellings);
+  // Client open, connected, no upgrade and no log download running.
+  bool MaintenanceAllowed() const;
+  int RestartOrReset(bool reset);
+  void DownloadLogWorker(const QUrl& fileUrl, const QString& type);
+  // Sets IsDownloadLog, emitting isDownloadLogChanged on a change.
+  void SetDownloadFlag(bool value);
   // Set by the upgrade for its whole run; emits isUpgradingChanged on a change.
   void SetUpgrading(bool value);
 

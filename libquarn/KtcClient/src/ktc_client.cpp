@@ -193,6 +193,15 @@ void KtcClient::DrainStaleInput(ClientBase& transport) {
 
 int KtcClient::QueryCommand(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd,
                             bool with_header) {
+  return Exchange(payload, result, cmd, with_header, false);
+}
+
+int KtcClient::DownloadQuery(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd) {
+  return Exchange(payload, result, cmd, false, true);
+}
+
+int KtcClient::Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd,
+                        bool with_header, bool download) {
   auto transport = Transport();
   if (!transport || !transport->IsOpened()) {
     LOG_ERROR("Client is not open, cannot send command.");
@@ -200,6 +209,11 @@ int KtcClient::QueryCommand(const std::vector<uint8_t>& payload, std::vector<uin
   }
   std::lock_guard<std::mutex> lock(command_mutex_);
   const auto start = Clock::now();
+  // A download may pause between reads for longer than a command reply may take; the
+  // time-out bounds each silence, not the whole transfer. Restored before the lock goes.
+  const uint32_t saved_recv_ms = current_recv_timeout_ms_;
+  const uint32_t saved_send_ms = current_send_timeout_ms_;
+  if (download) ApplyTimeouts(*transport, kDownloadIdleTimeoutMs, saved_send_ms);
   GeneralKtcParser* parser = parser_->parser();
 
   int ret = 0;
@@ -288,7 +302,7 @@ int KtcClient::QueryCommand(const std::vector<uint8_t>& payload, std::vector<uin
     if (length < 1) {
       ended_before_payload = true;
     } else {
-      if (length > kLargePayloadWarning) {
+      if (length > kLargePayloadWarning && !download) {
         LOG_WARNING("KtcClient::QueryCommand, warning, nPayLoadLen too large:%d", static_cast<int>(length));
       }
       // Grown as bytes arrive: the claimed length is the peer's word, not a size to allocate.
@@ -318,6 +332,7 @@ int KtcClient::QueryCommand(const std::vector<uint8_t>& payload, std::vector<uin
   if (ended_before_payload && with_header) result = header;
   // Anything short of a complete reply may leave bytes in flight; the next exchange waits them out.
   timed_drain_due_ = ret != 0;
+  if (download) ApplyTimeouts(*transport, saved_recv_ms, saved_send_ms);
 
   EmitLog(ret == -1 ? "RECV: ret_code is " + std::to_string(last_return_code_.load()) : "RECV: " + ToHexSpaced(result));
   const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();

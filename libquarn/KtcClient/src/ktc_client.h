@@ -44,6 +44,12 @@ class KtcClient {
   int QueryCommand(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd,
                    bool with_header = false);
 
+  // One exchange for a reply that may be many MiB (a log): as QueryCommand without header,
+  // but each read may wait kDownloadIdleTimeoutMs and no size warning is logged. Memory
+  // grows only with the bytes that actually arrive.
+  int DownloadQuery(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd);
+  static constexpr uint32_t kDownloadIdleTimeoutMs = 10000;
+
   // Sends a file as 1024-byte pieces, one exchange each; `progress` is the piece being sent.
   int TransferFile(const std::vector<uint8_t>& data, uint32_t code, bool extended, std::atomic<uint32_t>& progress);
   // Hexadecimal command text; extended unless exactly 4 characters. Throws
@@ -69,6 +75,8 @@ class KtcClient {
 
  private:
   void TryOpen();
+  int Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd, bool with_header,
+               bool download);
   std::shared_ptr<ClientBase> Transport() const;
   void DrainStaleInput(ClientBase& transport);
   // Runs under the command lock.
