@@ -34,6 +34,9 @@ constexpr int kDefaultUdpRate = 10;
 // The small serial sensors' KTC side: 0xFF with 00 01 39 + rate sets the baud rate,
 // 0xFF with 00 01 asks for it.
 constexpr uint8_t kBaudPrefix[] = {0x00, 0x01, 0x39};
+// The small sensors' network block (read) and destination (write) over KTC.
+constexpr uint8_t kNetworkBlockCmd = 0x08;
+constexpr uint8_t kSetDestinationCmd = 0x20;
 
 // Writes everything to a non-blocking or blocking descriptor, waiting while it is full.
 bool WriteAll(int fd, const std::vector<uint8_t>& bytes, bool socket) {
@@ -352,6 +355,7 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
   if (auto inner = ParseWholeV1Frame(p.data(), p.size()); inner && inner->cmd == req.cmd)
     return OnPiece(req.cmd, {}, inner->payload, conn);
   if (auto fov = FovAnswer(req.cmd, p)) return *fov;
+  if (auto small = SmallSensorKtcAnswer(req.cmd, p)) return *small;
   const bool probe = req.cmd == 7 || req.cmd == 8;
   if (auto a = bank_->Handle(CommandKey{false, req.cmd}, p)) {
     // A table may use 7 or 8 for a read of its own; a probe still gets its plain answer.
@@ -365,6 +369,36 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
   if (probe) return r;
   r.return_code = kRcUnknownCommand;
   return r;
+}
+
+bool VirtualLidar::SmallSensorOverKtc() const {
+  return opt_.model == "Zelto-KTC" || opt_.model == "Marvo-KTC";
+}
+
+std::optional<VirtualLidar::Reply> VirtualLidar::SmallSensorKtcAnswer(uint8_t cmd, const std::vector<uint8_t>& p) {
+  if (!SmallSensorOverKtc()) return std::nullopt;
+  Reply r;
+  switch (cmd) {
+    case SmallSensor::kGet:
+    case SmallSensor::kSet: {
+      // The payload is the serial request's; the reply is the body the serial line would
+      // carry: [length = bytes after the request type, request type, ...].
+      const std::vector<uint8_t> rest = small_.Command(cmd, p);
+      r.payload.push_back(static_cast<uint8_t>(rest.size()));
+      r.payload.push_back(cmd);
+      r.payload.insert(r.payload.end(), rest.begin(), rest.end());
+      return r;
+    }
+    case kNetworkBlockCmd:
+      // Also the probe's fall-back, which ignores what it gets.
+      r.payload = small_.NetworkBlock();
+      return r;
+    case kSetDestinationCmd:
+      if (!small_.SetDestination(p)) r.return_code = kRcBadPayload;
+      return r;
+    default:
+      return std::nullopt;
+  }
 }
 
 std::optional<VirtualLidar::Reply> VirtualLidar::FovAnswer(uint8_t cmd, const std::vector<uint8_t>& p) {
