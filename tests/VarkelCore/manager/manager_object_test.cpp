@@ -53,14 +53,17 @@ TEST_F(ManagerObject, MetaObjectKeepsSignalAndInvokableOrder) {
             "downloadFinished downloadOperationLogFinished someVarOutOfRange connectTypeChanged "
             "zeltoLidarInfoChanged isGetPBLVersionChanged initInfoChanged myTimerMapChanged");
   // Defaulted arguments appear twice, as Qt makes one method per arity.
-  EXPECT_EQ(MethodNames(QMetaMethod::Method),
-            "InitConfigFileParser InitConfigFileParser ConnectLidar CheckLidarConnection Run Stop SetText ClearSetMap "
-            "getSetMapSize StartGetConfigFile Restart Reset DownloadOperationLog DownloadOperationLogThread DownloadLog "
-            "GetLidarModuleInfo UpdateSingleVarInfo UpdateSingleVarInfo "
-            "CheckVarIsWithinRange CheckVarIsWithinRange CheckModuleVarsWithinRange SetMultiFovConfig UpdateUI "
-            "setErrorMsg setSuccessMsg "
-            "SetLogBytesFlowStatus GetIsConnectingLidar CheckVarExistsInConfigFileByName getLidarSN getLidarPN "
-            "setModuleIndexUse getVMNowName isTimerUpdate");
+  EXPECT_EQ(
+      MethodNames(QMetaMethod::Method),
+      "InitConfigFileParser InitConfigFileParser ConnectLidar CheckLidarConnection Run Stop SetText ClearSetMap "
+      "getSetMapSize StartGetConfigFile Restart Reset DownloadOperationLog DownloadOperationLogThread DownloadLog "
+      "GetLidarModuleInfo UpdateSingleVarInfo UpdateSingleVarInfo "
+      "CheckVarIsWithinRange CheckVarIsWithinRange CheckModuleVarsWithinRange SetMultiFovConfig UpdateUI "
+      "setErrorMsg setSuccessMsg "
+      "SetLogBytesFlowStatus GetIsConnectingLidar CheckVarExistsInConfigFileByName getLidarSN getLidarPN "
+      "setModuleIndexUse ZeltoSetStandby ZeltoSetSpinRate ZeltoSetReturnMode ZeltoGetCorrection "
+      "ZeltoGetLidarFunctionSafety ZeltoGetBaudRate ZeltoSetBaudRateFromUI ZeltoGetDestinationConfig "
+      "ZeltoGetDestinationConfig ZeltoSetDestinationIPandPort MarvoSetIMURange getVMNowName isTimerUpdate");
 
   const QMetaObject& mo = VarkelManager::staticMetaObject;
   QMetaProperty udp = mo.property(mo.indexOfProperty("udpPort"));
