@@ -81,6 +81,18 @@ Item {
 
         function save(page) { mouseClick(child("saveButton_" + page)); }
 
+        function test_small_sensor_models_get_their_own_page() {
+            compare(child("zeltoPage").visible, false);
+            ["Zelto", "Zelto-KTC"].forEach(function (model) {
+                vm.InitConfigFileParser(model);
+                compare(child("zeltoPage").visible, true, model);
+                compare(child("pageTabs").visible, false, model);
+            });
+            vm.InitConfigFileParser("Quenta");
+            compare(child("zeltoPage").visible, false);
+            compare(child("pageTabs").visible, true);
+        }
+
         function test_model_switch_rebuilds_tabs_and_fields() {
             var tabs = child("pageTabs");
             var combo = child("modelCombo");
