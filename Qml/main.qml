@@ -470,113 +470,133 @@ Rectangle {
             }
         }
 
-        TabWidget {
-            id: tabs
-            objectName: "pageTabs"
+        Item {
+            id: content
             Layout.fillWidth: true
             Layout.fillHeight: true
-            titles: root.connectType === 0 ? root.pageTitles.concat(["Log", "Send Command"]) : ["Log"]
-            onCurrentIndexChanged: root.showPage(currentIndex)
 
-            Repeater {
-                model: root.pageTitles
-                delegate: ModelPage {
-                    pageIndex: index
-                    title: String(modelData)
-                    entries: root.pageEntries.length > index ? root.pageEntries[index] : []
-                    manager: varkel_manager
-                    snapshot: root.snapshot
-                    live: root.liveMap
-                    outOfRangeNames: root.outOfRangeNames
-                    canWrite: root.canWrite
-                    canSave: root.canSave
-                    canEditFov: root.canEditFov
-                    onCancelRequested: root.cancelPage(page)
-                    onSaveRequested: root.savePage(page)
+            // The small serial sensors (connection types 1 and 2) have their own page.
+            Zelto {
+                objectName: "zeltoPage"
+                anchors.fill: parent
+                visible: root.connectType !== 0
+                manager: varkel_manager
+                selectedModel: root.selectedModel
+                onOpenLogRequested: {
+                    logWindow.show();
+                    logWindow.raise();
+                    logWindow.requestActivate();
                 }
             }
 
-            // Log page
-            Item {
-                Column {
-                    x: Theme.margin + 8
-                    y: Theme.margin
-                    width: Math.max(560, Math.round(parent.width * 0.6))
-                    spacing: 0
+            TabWidget {
+                id: tabs
+                objectName: "pageTabs"
+                anchors.fill: parent
+                visible: root.connectType === 0
+                titles: root.pageTitles.concat(["Log", "Send Command"])
+                onCurrentIndexChanged: root.showPage(currentIndex)
 
-                    Text {
-                        text: "Log"
-                        font.family: Theme.fontFamily
-                        font.pixelSize: Theme.fontSizeHeading + 3
-                        font.bold: true
-                        color: Theme.text
-                        bottomPadding: 10
+                Repeater {
+                    model: root.pageTitles
+                    delegate: ModelPage {
+                        pageIndex: index
+                        title: String(modelData)
+                        entries: root.pageEntries.length > index ? root.pageEntries[index] : []
+                        manager: varkel_manager
+                        snapshot: root.snapshot
+                        live: root.liveMap
+                        outOfRangeNames: root.outOfRangeNames
+                        canWrite: root.canWrite
+                        canSave: root.canSave
+                        canEditFov: root.canEditFov
+                        onCancelRequested: root.cancelPage(page)
+                        onSaveRequested: root.savePage(page)
                     }
-                    Item {
-                        width: parent.width
-                        height: Theme.rowHeight + 8
+                }
+
+                // Log page
+                Item {
+                    Column {
+                        x: Theme.margin + 8
+                        y: Theme.margin
+                        width: Math.max(560, Math.round(parent.width * 0.6))
+                        spacing: 0
+
                         Text {
-                            anchors.verticalCenter: parent.verticalCenter
-                            text: "VK Log Window"
+                            text: "Log"
                             font.family: Theme.fontFamily
-                            font.pixelSize: Theme.fontSize
-                            color: Theme.textDim
-                        }
-                        Text {
-                            anchors.verticalCenter: parent.verticalCenter
-                            x: Math.round(parent.width * 0.38) + 16
-                            text: logWindow.lineCount + (logWindow.lineCount === 1 ? " line" : " lines")
-                            font.family: Theme.fontFamily
-                            font.pixelSize: Theme.fontSize
+                            font.pixelSize: Theme.fontSizeHeading + 3
+                            font.bold: true
                             color: Theme.text
+                            bottomPadding: 10
                         }
-                        DefaultToolButton {
-                            objectName: "openLogButton"
-                            anchors.right: parent.right
-                            anchors.verticalCenter: parent.verticalCenter
-                            text: "Open"
-                            onClicked: {
-                                logWindow.show();
-                                logWindow.raise();
-                                logWindow.requestActivate();
+                        Item {
+                            width: parent.width
+                            height: Theme.rowHeight + 8
+                            Text {
+                                anchors.verticalCenter: parent.verticalCenter
+                                text: "VK Log Window"
+                                font.family: Theme.fontFamily
+                                font.pixelSize: Theme.fontSize
+                                color: Theme.textDim
+                            }
+                            Text {
+                                anchors.verticalCenter: parent.verticalCenter
+                                x: Math.round(parent.width * 0.38) + 16
+                                text: logWindow.lineCount + (logWindow.lineCount === 1 ? " line" : " lines")
+                                font.family: Theme.fontFamily
+                                font.pixelSize: Theme.fontSize
+                                color: Theme.text
+                            }
+                            DefaultToolButton {
+                                objectName: "openLogButton"
+                                anchors.right: parent.right
+                                anchors.verticalCenter: parent.verticalCenter
+                                text: "Open"
+                                onClicked: {
+                                    logWindow.show();
+                                    logWindow.raise();
+                                    logWindow.requestActivate();
+                                }
+                            }
+                            Rectangle {
+                                anchors.left: parent.left
+                                anchors.right: parent.right
+                                anchors.bottom: parent.bottom
+                                height: 1
+                                color: Theme.divider
                             }
                         }
-                        Rectangle {
-                            anchors.left: parent.left
-                            anchors.right: parent.right
-                            anchors.bottom: parent.bottom
-                            height: 1
-                            color: Theme.divider
-                        }
-                    }
-                    LogDownloadRow {
-                        objectName: "logRow_Operation Log"
-                        width: parent.width
-                        visible: root.connectType === 0 && root.hasOperationLog
-                        label: "Operation Log"
-                        busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
-                        canStart: root.canDownloadLogs && root.lineIdle
-                        onTriggered: operationLogDialog.open()
-                    }
-                    Repeater {
-                        model: root.connectType === 0 ? varkel_manager.logRepeaterModel : []
-                        delegate: LogDownloadRow {
-                            objectName: "logRow_" + label
+                        LogDownloadRow {
+                            objectName: "logRow_Operation Log"
                             width: parent.width
-                            label: String(modelData)
+                            visible: root.connectType === 0 && root.hasOperationLog
+                            label: "Operation Log"
                             busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
                             canStart: root.canDownloadLogs && root.lineIdle
-                            onTriggered: {
-                                logFolderDialog.logName = label;
-                                logFolderDialog.open();
+                            onTriggered: operationLogDialog.open()
+                        }
+                        Repeater {
+                            model: root.connectType === 0 ? varkel_manager.logRepeaterModel : []
+                            delegate: LogDownloadRow {
+                                objectName: "logRow_" + label
+                                width: parent.width
+                                label: String(modelData)
+                                busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
+                                canStart: root.canDownloadLogs && root.lineIdle
+                                onTriggered: {
+                                    logFolderDialog.logName = label;
+                                    logFolderDialog.open();
+                                }
                             }
                         }
                     }
                 }
-            }
 
-            CommandPage {
-                manager: varkel_manager
+                CommandPage {
+                    manager: varkel_manager
+                }
             }
         }
 
@@ -626,10 +646,10 @@ Rectangle {
     LoadingWidget {
         id: loading
         objectName: "loadingWidget"
-        x: tabs.x
-        y: tabs.y
-        width: tabs.width
-        height: tabs.height
+        x: content.x
+        y: content.y
+        width: content.width
+        height: content.height
     }
 
     LogWindow {

@@ -26,8 +26,11 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Port 0: the virtual lidar picks a free port and prints it.
-"$build/bin/varkel-sim" --model "$model" --host 127.0.0.1 --port 0 >"$sim_log" 2>&1 &
+# Port 0: the virtual lidar picks a free port and prints it. "Zelto" is the serial sensor:
+# it answers on two pseudo-terminals, whose paths it prints too.
+sim_args=(--model "$model" --host 127.0.0.1 --port 0)
+[ "$model" = Zelto ] && sim_args+=(--serial)
+"$build/bin/varkel-sim" "${sim_args[@]}" >"$sim_log" 2>&1 &
 sim_pid=$!
 port=""
 for _ in $(seq 1 100); do
@@ -50,11 +53,23 @@ echo "demo: virtual lidar ($model) on 127.0.0.1:$port"
 settings_dir="$demo_home/Documents/VelmoraDataFiles"
 mkdir -p "$settings_dir" "$demo_home/.config" "$demo_home/run"
 chmod 700 "$demo_home/run"
+if [ "$model" = Zelto ]; then
+  for _ in $(seq 1 50); do
+    grep -q "serial data (RS485)" "$sim_log" && break
+    sleep 0.1
+  done
+fi
+uart=$(sed -n 's/.*serial commands (UART) on \(.*\)$/\1/p' "$sim_log" | head -n 1)
+rs485=$(sed -n 's/.*serial data (RS485) on \(.*\)$/\1/p' "$sim_log" | head -n 1)
 cat >"$settings_dir/RecvSettings.ini" <<INI
 [General]
 device_ip_address=127.0.0.1
 ktc_port=$port
+rs485_com=${rs485:-/dev/ttyUSB0}
+rs232_com=${uart:-/dev/ttyUSB1}
 INI
+# A chosen model opens selected ("Marvo-KTC" is reached only this way).
+[ -n "${VARKEL_DEMO_MODEL:-}" ] && set -- "-moduleVM=$model" "$@"
 
 status=0
 HOME="$demo_home" XDG_CONFIG_HOME="$demo_home/.config" XDG_RUNTIME_DIR="$demo_home/run" \

@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "ktc_client.h"
+#include "ktc_serial_client.h"
 #include "manager_catalogue.h"
 #include "number_text.h"
 #include "serial_client.h"
@@ -49,6 +50,7 @@ VarkelManager::~VarkelManager() {
     s232 = serial_source_232_;
     serial_client_.reset();
     ktc_client_.reset();
+    small_link_.reset();
   }
   if (s485) s485->Close();
   if (s232) s232->Close();
@@ -210,7 +212,8 @@ QVariantList VarkelManager::getZeltoLidarInfo() const {
 QVariantList VarkelManager::getZeltoLidarVersionInfo() const {
   std::lock_guard<std::mutex> lock(fields_mutex_);
   QVariantList list;
-  for (const auto& entry : small_lidar_map_) list.append(QVariantList{Q(entry.first), Q(entry.second)});
+  // One [name, text] entry each: appending a list as it is would splice its two items in.
+  for (const auto& entry : small_lidar_map_) list.append(QVariant(QVariantList{Q(entry.first), Q(entry.second)}));
   return list;
 }
 
@@ -287,6 +290,8 @@ void VarkelManager::SetKtcClient(std::shared_ptr<quarn::lidar::KtcClient> client
     std::lock_guard<std::mutex> lock(clients_mutex_);
     old = std::move(ktc_client_);
     ktc_client_ = std::move(client);
+    // A link over the old KTC client must not outlive it.
+    if (!serial_client_) small_link_.reset();
   }
   // `old` is released here, outside the lock: its destructor joins its connect thread.
 }

@@ -31,6 +31,7 @@ struct VarInfo;
 
 namespace quarn::lidar {
 class KtcClient;
+class KtcSerialClient;
 class SerialClient;
 class SerialSource;
 }  // namespace quarn::lidar
@@ -166,7 +167,21 @@ class VarkelManager : public QObject {
   Q_INVOKABLE QString getLidarSN();
   Q_INVOKABLE QString getLidarPN();
   Q_INVOKABLE void setModuleIndexUse(int index);
-  // The small serial lidars' functions come here.
+  // The small serial sensors' functions (docs/small-sensors.md): one exchange each, on the
+  // calling thread; failures arrive as errorMessage and an "ERROR" log line.
+  Q_INVOKABLE void ZeltoSetStandby(int standby);
+  Q_INVOKABLE void ZeltoSetSpinRate(int rate);
+  Q_INVOKABLE void ZeltoSetReturnMode(int mode);
+  // Writes the correction data to `path` (a file path or a file URL): 0, or an error code.
+  Q_INVOKABLE int ZeltoGetCorrection(QString path);
+  // [state text, fault codes...]; empty on failure.
+  Q_INVOKABLE QVariantList ZeltoGetLidarFunctionSafety();
+  Q_INVOKABLE QString ZeltoGetBaudRate();
+  Q_INVOKABLE void ZeltoSetBaudRateFromUI(QString baudRateStr);
+  // [destination address, port] as texts; empty on failure. `silent`: no byte log.
+  Q_INVOKABLE QVariantList ZeltoGetDestinationConfig(bool silent = false);
+  Q_INVOKABLE bool ZeltoSetDestinationIPandPort(QString ip, int port);
+  Q_INVOKABLE void MarvoSetIMURange(int angularRangeIndex, int accelRangeIndex);
   Q_INVOKABLE QString getVMNowName();
   Q_INVOKABLE bool isTimerUpdate(int i, int j, int k);
 
@@ -279,6 +294,26 @@ class VarkelManager : public QObject {
   void StopRefreshThread();
   void EndRefreshThreadLocked();
   void SetSnValuesUnknown();
+  // Closes the KTC client, the serial sources and the serial client, whichever are open.
+  void CloseTransports();
+
+  // ---- small serial sensors (varkel_manager_small_sensor.cpp) ----
+  // The get/set link of the connection: over the serial client when there is one, else
+  // over the KTC client; null when neither exists.
+  std::shared_ptr<quarn::lidar::KtcSerialClient> SmallSensorLink();
+  // The common precondition; on refusal sets `refusal` as the error message.
+  std::shared_ptr<quarn::lidar::KtcSerialClient> SmallSensorReady(const char* refusal);
+  // Operations that work over either link first switch connectType to 2 (kept on purpose).
+  void SwitchToKtcSerialType();
+  void ReportSmallSensorFailure(const char* prefix, int code);
+  // The information thread of connection types 1 and 2.
+  void SmallSensorInfoThread();
+  void ReadSmallSensorIdentity(quarn::lidar::KtcSerialClient& link);
+  void ReadSmallSensorVersions(quarn::lidar::KtcSerialClient& link);
+  void ReadSmallSensorSafetyState(quarn::lidar::KtcSerialClient& link);
+  // Back to the placeholders, as before any reply.
+  void ResetSmallSensorInfo();
+  void SetSmallSensorText(size_t index, const std::string& text);
   void ClearPendingWrites();
   // Runs `body` on a thread that the destructor joins; finished ones are reaped here.
   void StartWorker(std::function<void()> body);
@@ -311,6 +346,10 @@ class VarkelManager : public QObject {
   std::shared_ptr<quarn::lidar::SerialClient> serial_client_;
   std::shared_ptr<quarn::lidar::SerialSource> serial_source_485_;
   std::shared_ptr<quarn::lidar::SerialSource> serial_source_232_;
+  std::shared_ptr<quarn::lidar::KtcSerialClient> small_link_;
+  // Cleared when a connection starts; set once its versions have been read (the Marvo
+  // version read does it on the connect worker, the information thread otherwise).
+  std::atomic<bool> small_versions_read_{false};
 
   mutable std::mutex catalogue_mutex_;
   std::shared_ptr<const varkel::ManagerCatalogue> catalogue_;

@@ -8,9 +8,12 @@
 #include <thread>
 
 #include "ktc_client.h"
+#include "ktc_serial_client.h"
+#include "manager_catalogue.h"
 #include "number_text.h"
 #include "serial_client.h"
 #include "serial_source.h"
+#include "small_sensor_messages.h"
 #include "varkel_manager.h"
 
 using quarn::lidar::KtcClient;
@@ -152,10 +155,17 @@ void VarkelManager::InitKtcForSerial() {
       connecting_.store(false);
       return;
     }
-    // The small lidar's information thread is not part of this connection yet.
-    RestartRefreshThread(nullptr);
+    const auto catalogue = Catalogue();
+    const bool marvo = catalogue && catalogue->model == "Marvo-KTC";
+    ResetSmallSensorInfo();
+    // The Marvo's versions are read below, before the connection is announced.
+    small_versions_read_.store(marvo);
+    RestartRefreshThread(&VarkelManager::SmallSensorInfoThread);
     is_connected_.store(true);
     emit sendLogMessage("Lidar connected", "INFO");
+    if (marvo) {
+      if (auto link = SmallSensorLink()) ReadSmallSensorVersions(*link);
+    }
     emit isConnectedChanged();
     connecting_.store(false);
   });
@@ -217,21 +227,53 @@ bool VarkelManager::OpenSerialConnection() {
     serial_source_485_ = rs485;
     serial_source_232_ = uart;
     serial_client_ = client;
+    small_link_.reset();
   }
   is_connected_.store(true);
   emit sendLogMessage("Lidar connected", "INFO");
   connecting_.store(false);
   client->SetLogCallback([this](const std::string& line) { OnClientLog(line); });
-  // The small lidar's information thread is not part of this connection yet.
-  RestartRefreshThread(nullptr);
+  ResetSmallSensorInfo();
+  small_versions_read_.store(false);
+  RestartRefreshThread(&VarkelManager::SmallSensorInfoThread);
   emit isConnectedChanged();
   return true;
 }
 
 bool VarkelManager::CheckLidarConnection() {
   auto client = KtcClientHandle();
-  if (!client || !client->IsOpen()) return false;
-  return ProbeLidar(*client);
+  if (client) return client->IsOpen() && ProbeLidar(*client);
+  // The serial lines have no KTC client to probe; the serial-number query tells whether
+  // the sensor still answers, so the window's periodic check keeps a healthy connection.
+  std::shared_ptr<SerialClient> serial;
+  {
+    std::lock_guard<std::mutex> lock(clients_mutex_);
+    serial = serial_client_;
+  }
+  if (!serial) return false;
+  quarn::lidar::KtcSerialClient link(serial);
+  const bool log_bytes = log_bytes_flow_.exchange(false);
+  std::vector<uint8_t> body;
+  const bool answered =
+      link.Exchange(quarn::lidar::small_sensor::kGet, {quarn::lidar::small_sensor::kItemSerialNumber, 1}, body) == 0 &&
+      quarn::lidar::small_sensor::ParseSerialNumber(body).has_value();
+  log_bytes_flow_.store(log_bytes);
+  return answered;
+}
+
+void VarkelManager::CloseTransports() {
+  SetKtcClient(nullptr);
+  std::shared_ptr<SerialSource> rs485, uart;
+  std::shared_ptr<SerialClient> client;
+  {
+    std::lock_guard<std::mutex> lock(clients_mutex_);
+    rs485.swap(serial_source_485_);
+    uart.swap(serial_source_232_);
+    client.swap(serial_client_);
+    small_link_.reset();
+  }
+  if (rs485) rs485->Close();
+  if (uart) uart->Close();
 }
 
 void VarkelManager::ClearPendingWrites() {
@@ -241,14 +283,17 @@ void VarkelManager::ClearPendingWrites() {
 }
 
 void VarkelManager::Stop() {
+  // Every transport is closed whatever connectType says: the small-sensor functions switch
+  // it to 2 on purpose, and a serial line must not stay open after a disconnect.
   try {
     switch (connect_type_.load()) {
       case 0:
         is_connected_.store(false);
         StopRefreshThread();
         SetSnValuesUnknown();
-        SetKtcClient(nullptr);
+        CloseTransports();
         ClearPendingWrites();
+        ResetSmallSensorInfo();
         emit isConnectedChanged();
         emit myMapChanged();
         {
@@ -257,30 +302,13 @@ void VarkelManager::Stop() {
         }
         emit sendLogMessage("Lidar disconnected", "INFO");
         break;
-      case 1: {
-        is_connected_.store(false);
-        StopRefreshThread();
-        std::shared_ptr<SerialSource> rs485, uart;
-        std::shared_ptr<SerialClient> client;
-        {
-          std::lock_guard<std::mutex> lock(clients_mutex_);
-          rs485 = serial_source_485_;
-          uart = serial_source_232_;
-          client.swap(serial_client_);
-        }
-        if (rs485) rs485->Close();
-        if (uart) uart->Close();
-        client.reset();
-        emit isConnectedChanged();
-        emit zeltoLidarInfoChanged();
-        emit sendLogMessage("Lidar disconnected", "INFO");
-        break;
-      }
+      case 1:
       case 2:
         is_connected_.store(false);
         StopRefreshThread();
-        SetSnValuesUnknown();
-        SetKtcClient(nullptr);
+        if (connect_type_.load() == 2) SetSnValuesUnknown();
+        CloseTransports();
+        ResetSmallSensorInfo();
         emit isConnectedChanged();
         emit zeltoLidarInfoChanged();
         emit sendLogMessage("Lidar disconnected", "INFO");

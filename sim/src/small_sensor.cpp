@@ -45,7 +45,25 @@ std::string VersionText(uint8_t which) {
 }  // namespace
 
 SmallSensor::SmallSensor() {
-  for (int i = 0; i < 64; ++i) s_.correction.push_back(static_cast<uint8_t>(i * 7 + 3));
+  for (int i = 0; i < 3 * 1024; ++i) s_.correction.push_back(static_cast<uint8_t>(i * 7 + 3));
+}
+
+std::vector<uint8_t> SmallSensor::NetworkBlock() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::vector<uint8_t> r;
+  for (const auto* a : {&s_.lidar_ip, &s_.subnet_mask, &s_.gateway, &s_.destination_ip})
+    r.insert(r.end(), a->begin(), a->end());
+  r.push_back(static_cast<uint8_t>(s_.destination_port >> 8));
+  r.push_back(static_cast<uint8_t>(s_.destination_port));
+  return r;
+}
+
+bool SmallSensor::SetDestination(const std::vector<uint8_t>& p) {
+  if (p.size() != 6) return false;
+  std::lock_guard<std::mutex> lock(mu_);
+  std::copy(p.begin(), p.begin() + 4, s_.destination_ip.begin());
+  s_.destination_port = static_cast<uint16_t>((p[4] << 8) | p[5]);
+  return true;
 }
 
 SmallSensorState SmallSensor::state() const {
@@ -94,9 +112,17 @@ std::vector<uint8_t> SmallSensor::Get(const std::vector<uint8_t>& p) {
   const uint8_t item = p[0];
   switch (item) {
     case kItemCorrection: {
-      // [7, status, N, data[N], 0]: body N + 6 bytes, N at body byte 4.
-      std::vector<uint8_t> r{item, kOk, static_cast<uint8_t>(s_.correction.size())};
-      r.insert(r.end(), s_.correction.begin(), s_.correction.end());
+      // [7, P pieces, N, data[N], 0]: body N + 6 bytes, N at body byte 4. [7] asks for
+      // piece 0, [7, k] for piece k.
+      const size_t total = s_.correction.size();
+      const size_t pieces = std::max<size_t>(1, (total + kCorrectionPiece - 1) / kCorrectionPiece);
+      const size_t k = p.size() > 1 ? p[1] : 0;
+      if (k >= pieces || pieces > 255) return {item, kRefused};
+      const size_t from = k * kCorrectionPiece;
+      const size_t n = std::min(kCorrectionPiece, total - std::min(total, from));
+      std::vector<uint8_t> r{item, static_cast<uint8_t>(pieces), static_cast<uint8_t>(n)};
+      r.insert(r.end(), s_.correction.begin() + static_cast<std::ptrdiff_t>(from),
+               s_.correction.begin() + static_cast<std::ptrdiff_t>(from + n));
       r.push_back(0);
       return r;
     }

@@ -38,6 +38,9 @@ constexpr int kDefaultUdpRate = 10;
 // The small serial sensors' KTC side: 0xFF with 00 01 39 + rate sets the baud rate,
 // 0xFF with 00 01 asks for it.
 constexpr uint8_t kBaudPrefix[] = {0x00, 0x01, 0x39};
+// The small sensors' network block (read) and destination (write) over KTC.
+constexpr uint8_t kNetworkBlockCmd = 0x08;
+constexpr uint8_t kSetDestinationCmd = 0x20;
 
 // A KTC client reading a log of tens of MiB slowly is still reading; one that takes
 // nothing for this long is gone. A serial line nobody reads gives up much sooner, so the
@@ -455,6 +458,7 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     return r;
   }
   if (auto log = LogAnswer(CommandKey{false, req.cmd}, p)) return std::move(*log);
+  if (auto small = SmallSensorKtcAnswer(req.cmd, p)) return *small;
   const bool probe = req.cmd == 7 || req.cmd == 8;
   if (auto a = bank_->Handle(CommandKey{false, req.cmd}, p)) {
     // A table may use 7 or 8 for a read of its own; a probe still gets its plain answer.
@@ -573,6 +577,36 @@ void VirtualLidar::RunRestart() {
   path_->Note("restart: listening again");
   std::lock_guard<std::mutex> lock(stop_mu_);
   restart_step_ = RestartStep::kNone;
+}
+
+bool VirtualLidar::SmallSensorOverKtc() const {
+  return opt_.model == "Zelto-KTC" || opt_.model == "Marvo-KTC";
+}
+
+std::optional<VirtualLidar::Reply> VirtualLidar::SmallSensorKtcAnswer(uint8_t cmd, const std::vector<uint8_t>& p) {
+  if (!SmallSensorOverKtc()) return std::nullopt;
+  Reply r;
+  switch (cmd) {
+    case SmallSensor::kGet:
+    case SmallSensor::kSet: {
+      // The payload is the serial request's; the reply is the body the serial line would
+      // carry: [length = bytes after the request type, request type, ...].
+      const std::vector<uint8_t> rest = small_.Command(cmd, p);
+      r.payload.push_back(static_cast<uint8_t>(rest.size()));
+      r.payload.push_back(cmd);
+      r.payload.insert(r.payload.end(), rest.begin(), rest.end());
+      return r;
+    }
+    case kNetworkBlockCmd:
+      // Also the probe's fall-back, which ignores what it gets.
+      r.payload = small_.NetworkBlock();
+      return r;
+    case kSetDestinationCmd:
+      if (!small_.SetDestination(p)) r.return_code = kRcBadPayload;
+      return r;
+    default:
+      return std::nullopt;
+  }
 }
 
 std::optional<VirtualLidar::Reply> VirtualLidar::FovAnswer(uint8_t cmd, const std::vector<uint8_t>& p) {

@@ -180,6 +180,10 @@ class VirtualLidar {
   void RestartReplySent();
   // Accept thread: the rest of the restart.
   void RunRestart();
+  // The answer of "Zelto-KTC" and "Marvo-KTC" to the small-sensor commands (serial
+  // requests 2 and 3 carried by KTC, 0x08, 0x20); nullopt for other models and commands.
+  std::optional<Reply> SmallSensorKtcAnswer(uint8_t cmd, const std::vector<uint8_t>& payload);
+  bool SmallSensorOverKtc() const;
   FailureSpec FailureFor(uint8_t cmd) const;
   void Count(const KtcRequest& req);
   void SerialLoop();

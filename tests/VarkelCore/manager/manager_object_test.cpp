@@ -61,7 +61,9 @@ TEST_F(ManagerObject, MetaObjectKeepsSignalAndInvokableOrder) {
             "CheckVarIsWithinRange CheckVarIsWithinRange CheckModuleVarsWithinRange SetMultiFovConfig UpdateUI "
             "setErrorMsg setSuccessMsg "
             "SetLogBytesFlowStatus GetIsConnectingLidar CheckVarExistsInConfigFileByName getLidarSN getLidarPN "
-            "setModuleIndexUse getVMNowName isTimerUpdate");
+            "setModuleIndexUse ZeltoSetStandby ZeltoSetSpinRate ZeltoSetReturnMode ZeltoGetCorrection "
+            "ZeltoGetLidarFunctionSafety ZeltoGetBaudRate ZeltoSetBaudRateFromUI ZeltoGetDestinationConfig "
+            "ZeltoGetDestinationConfig ZeltoSetDestinationIPandPort MarvoSetIMURange getVMNowName isTimerUpdate");
 
   const QMetaObject& mo = VarkelManager::staticMetaObject;
   QMetaProperty udp = mo.property(mo.indexOfProperty("udpPort"));

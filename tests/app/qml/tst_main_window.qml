@@ -88,6 +88,18 @@ Item {
             combo.activated(combo.currentIndex);
         }
 
+        function test_small_sensor_models_get_their_own_page() {
+            compare(child("zeltoPage").visible, false);
+            ["Zelto", "Zelto-KTC"].forEach(function (model) {
+                vm.InitConfigFileParser(model);
+                compare(child("zeltoPage").visible, true, model);
+                compare(child("pageTabs").visible, false, model);
+            });
+            vm.InitConfigFileParser("Quenta");
+            compare(child("zeltoPage").visible, false);
+            compare(child("pageTabs").visible, true);
+        }
+
         function test_model_switch_rebuilds_tabs_and_fields() {
             var tabs = child("pageTabs");
             var combo = child("modelCombo");
@@ -105,7 +117,7 @@ Item {
             combo.currentIndex = combo.find("Zelto");
             combo.activated(combo.currentIndex);
             compare(vm.connectType, 1);
-            compare(tabs.titles, ["Log"]);
+            verify(!tabs.visible && child("zeltoPage").visible);
             verify(child("rs485Field").visible && child("uartField").visible && !child("ipField").visible);
         }
 
