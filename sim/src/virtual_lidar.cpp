@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "command_key.h"
+#include "firmware_image.h"
 #include "ktc_wire.h"
 #include "model_table.h"
 #include "platform/net.h"
@@ -92,6 +93,11 @@ bool VirtualLidar::Start(std::string* error) {
   }
   auto vars = LoadModelTable(table, error);
   if (!vars) return false;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    upgrade_key_ = UpgradeCommand(*vars);
+    restart_key_ = RestartCommand(*vars);
+  }
   bank_ = std::make_unique<RegisterBank>(std::move(*vars), opt_.model, opt_.live_values);
   {
     std::lock_guard<std::mutex> lock(stop_mu_);
@@ -339,10 +345,11 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     const uint32_t code = ReadU32BE(p.data());
     const std::vector<uint8_t> rest(p.begin() + 4, p.end());
     if (auto inner = ParseWholeV1Frame(rest.data(), rest.size()); inner && inner->cmd == req.cmd)
-      return OnPiece(req.cmd, CodeBytes(code), inner->payload, conn);
+      return OnPiece(req.cmd, CommandKey{true, code}, CodeBytes(code), inner->payload, conn);
     if (auto a = bank_->Handle(CommandKey{true, code}, rest)) {
       r.return_code = a->return_code;
       r.payload = std::move(a->payload);
+      if (r.return_code == 0 && restart_key_ == CommandKey{true, code}) OnRestart();
       return r;
     }
     r.return_code = kRcUnknownCommand;
@@ -350,7 +357,7 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     return r;
   }
   if (auto inner = ParseWholeV1Frame(p.data(), p.size()); inner && inner->cmd == req.cmd)
-    return OnPiece(req.cmd, {}, inner->payload, conn);
+    return OnPiece(req.cmd, CommandKey{false, req.cmd}, {}, inner->payload, conn);
   if (auto fov = FovAnswer(req.cmd, p)) return *fov;
   const bool probe = req.cmd == 7 || req.cmd == 8;
   if (auto a = bank_->Handle(CommandKey{false, req.cmd}, p)) {
@@ -358,6 +365,7 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     if (!(probe && a->return_code != 0)) {
       r.return_code = a->return_code;
       r.payload = std::move(a->payload);
+      if (r.return_code == 0 && restart_key_ == CommandKey{false, req.cmd}) OnRestart();
       return r;
     }
   }
@@ -388,15 +396,36 @@ std::optional<VirtualLidar::Reply> VirtualLidar::FovAnswer(uint8_t cmd, const st
   return r;
 }
 
-VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix,
+VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const CommandKey& key, const std::vector<uint8_t>& code_prefix,
                                           const std::vector<uint8_t>& piece, const Connection* conn) {
   Reply r;
   r.payload = code_prefix;
+  const FailureSpec f = FailureFor(cmd);
+  const uint32_t k = piece.size() >= 8 ? ReadU32BE(piece.data() + 4) : 0;
+  const uint32_t limit = static_cast<uint32_t>(f.param > 0 ? f.param : 1);
+  if (f.mode == FailureMode::kSilentAfterPieces && k > limit) {
+    r.send = false;
+    path_->Note("file piece swallowed (silent-after-pieces)");
+    return r;
+  }
   FileReceiver::Result result;
   {
     std::lock_guard<std::mutex> lock(state_mu_);
+    if (f.mode == FailureMode::kRefusePiece && k == limit) {
+      files_.Abandon();
+      transfer_owner_ = nullptr;
+      r.return_code = kRcBadPiece;
+      path_->Note("file piece refused (refuse-piece)");
+      return r;
+    }
     result = files_.OnPiece(piece.data(), piece.size());
     transfer_owner_ = files_.pieces_in_progress() > 0 ? conn : nullptr;
+    if (result == FileReceiver::Result::kCompleted && upgrade_key_ == key) {
+      // Flashed, in the sensor's terms; it runs the new image only after a restart.
+      ++upgrades_received_;
+      upgrade_pending_ = true;
+      pending_version_ = ImageVersion(files_.last_complete_data());
+    }
   }
   switch (result) {
     case FileReceiver::Result::kAccepted:
@@ -412,12 +441,26 @@ VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const std::vector<uint8_t
       path_->Note("file piece refused: out of order or malformed");
       return r;
   }
-  const FailureSpec f = FailureFor(cmd);
-  if (f.mode == FailureMode::kDisconnectAfterPieces) {
-    const uint32_t k = ReadU32BE(piece.data() + 4);
-    if (k >= static_cast<uint32_t>(f.param > 0 ? f.param : 1)) r.close_after = true;
-  }
+  if (f.mode == FailureMode::kDisconnectAfterPieces && k >= limit) r.close_after = true;
   return r;
+}
+
+void VirtualLidar::OnRestart() {
+  std::optional<std::string> version;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    ++restarts_;
+    if (!upgrade_pending_) return;
+    upgrade_pending_ = false;
+    version = pending_version_;
+  }
+  if (!version) {
+    path_->Note("restart: the new image announces no version; Firmware Version unchanged");
+  } else if (!bank_->SetValue("Firmware Version", *version)) {
+    path_->Note("restart: version text \"" + *version + "\" does not fit Firmware Version; unchanged");
+  } else {
+    path_->Note("restart: now running firmware " + *version);
+  }
 }
 
 void VirtualLidar::SerialLoop() {
@@ -558,6 +601,22 @@ std::vector<std::string> VirtualLidar::VariableIds() const {
 std::optional<VirtualLidar::Transfer> VirtualLidar::LastTransfer() const {
   std::lock_guard<std::mutex> lock(state_mu_);
   return files_.last();
+}
+
+uint64_t VirtualLidar::UpgradesReceived() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return upgrades_received_;
+}
+
+std::optional<std::string> VirtualLidar::PendingFirmwareVersion() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  if (!upgrade_pending_) return std::nullopt;
+  return pending_version_;
+}
+
+uint64_t VirtualLidar::Restarts() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return restarts_;
 }
 
 SmallSensorState VirtualLidar::SmallSensor() const {

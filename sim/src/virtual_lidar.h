@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "command_key.h"
 #include "failure_mode.h"
 #include "file_receiver.h"
 #include "fov_block.h"
@@ -91,6 +92,12 @@ class VirtualLidar {
   std::vector<std::string> VariableIds() const;
 
   std::optional<Transfer> LastTransfer() const;
+  // Firmware upgrades: files that arrived whole on the table's upgrade command. The
+  // version their image announces (docs/virtual-lidar.md) becomes the "Firmware Version"
+  // at the next restart command.
+  uint64_t UpgradesReceived() const;
+  std::optional<std::string> PendingFirmwareVersion() const;
+  uint64_t Restarts() const;
   uint32_t BaudRate() const { return baud_rate_.load(); }
 
   // The field of view behind 0x23/0x22, in hundredths of a degree (start 0, end 36000).
@@ -117,8 +124,10 @@ class VirtualLidar {
   void AcceptLoop();
   void Serve(Connection* conn);
   Reply Dispatch(const KtcRequest& req, const Connection* conn);
-  Reply OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix, const std::vector<uint8_t>& piece,
-                const Connection* conn);
+  Reply OnPiece(uint8_t cmd, const CommandKey& key, const std::vector<uint8_t>& code_prefix,
+                const std::vector<uint8_t>& piece, const Connection* conn);
+  // A restart command was answered: a received upgrade takes effect.
+  void OnRestart();
   // The answer to a field-of-view read or write; nullopt for other commands.
   std::optional<Reply> FovAnswer(uint8_t cmd, const std::vector<uint8_t>& payload);
   FailureSpec FailureFor(uint8_t cmd) const;
@@ -161,6 +170,12 @@ class VirtualLidar {
   std::map<uint8_t, std::vector<uint8_t>> serial_last_payload_;
   FileReceiver files_;
   const Connection* transfer_owner_ = nullptr;
+  std::optional<CommandKey> upgrade_key_;
+  std::optional<CommandKey> restart_key_;
+  uint64_t upgrades_received_ = 0;
+  uint64_t restarts_ = 0;
+  bool upgrade_pending_ = false;
+  std::optional<std::string> pending_version_;
 
   // Lets Pause() in the connection threads wake at once when Stop is called.
   std::mutex stop_mu_;
