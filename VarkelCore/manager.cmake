@@ -10,6 +10,7 @@ add_library(VarkelCore STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_writing.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_range.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_maintenance.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_upgrade.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/manager_catalogue.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/log_file_name.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/value_text.cpp)

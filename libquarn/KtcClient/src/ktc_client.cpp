@@ -19,7 +19,6 @@ constexpr size_t kDrainBufferSize = 1500;
 constexpr uint32_t kLargePayloadWarning = 10240;
 // The payload buffer grows by at most this much ahead of the bytes that have arrived.
 constexpr size_t kPayloadChunk = 64 * 1024;
-constexpr uint32_t kTransferTimeoutMs = 60000;
 // A transport's own time-out, used while the client has none configured.
 constexpr uint32_t kDefaultTransportTimeoutMs = 500;
 constexpr size_t kMaxFrameSize = 0xFFFF;  // what one Send call can carry
@@ -355,7 +354,7 @@ int KtcClient::TransferFile(const std::vector<uint8_t>& data, uint32_t code, boo
     set_timeouts(recv_timeout_ms_ != 0 ? recv_timeout_ms_ : kDefaultTransportTimeoutMs,
                  send_timeout_ms_ != 0 ? send_timeout_ms_ : kDefaultTransportTimeoutMs);
   };
-  set_timeouts(kTransferTimeoutMs, kTransferTimeoutMs);
+  set_timeouts(transfer_timeout_ms_.load(), transfer_timeout_ms_.load());
 
   const uint8_t cmd = extended ? 0xFF : static_cast<uint8_t>(code & 0xFF);
   std::vector<std::vector<uint8_t>> frames;
