@@ -9,4 +9,5 @@ varkel_add_gtest(varkel_manager_tests
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_reading_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_writing_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_range_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_upgrade_test.cpp
   LIBS VarkelCore varkel_sim Qt5::Core Qt5::Test)

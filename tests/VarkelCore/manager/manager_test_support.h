@@ -39,6 +39,8 @@ class TestManager : public VarkelManager {
   using VarkelManager::GetInfoFromLidarWithSameCmd;
   using VarkelManager::Init;
   using VarkelManager::searchVarPtr;
+  using VarkelManager::KtcClientHandle;
+  using VarkelManager::SetRebootWait;
   using VarkelManager::SetUpgrading;
   using VarkelManager::updateSingleVarFromOutput;
 };
