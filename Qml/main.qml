@@ -434,6 +434,7 @@ Rectangle {
                     canEditFov: root.canEditFov
                     onCancelRequested: root.cancelPage(page)
                     onSaveRequested: root.savePage(page)
+                    onErrorRequested: root.callErrorInfoWindow(message)
                 }
             }
 
