@@ -40,6 +40,8 @@ VarkelManager::~VarkelManager() {
   // Workers first, so none of them starts a refresh thread behind our back; then the
   // refresh thread; the clients go with the members.
   closing_.store(true);
+  // A running upgrade stops at its next piece instead of holding the close up.
+  if (auto client = KtcClientHandle()) client->CancelTransfers();
   {
     std::lock_guard<std::mutex> lock(closing_mutex_);
   }

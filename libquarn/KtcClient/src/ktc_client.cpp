@@ -365,6 +365,10 @@ int KtcClient::TransferFile(const std::vector<uint8_t>& data, uint32_t code, boo
   std::vector<uint8_t> payload;
   std::vector<uint8_t> reply;
   for (size_t k = 0; k < frames.size(); ++k) {
+    if (transfers_cancelled_.load()) {
+      restore();
+      return -1;
+    }
     progress.store(static_cast<uint32_t>(k + 1));
     payload.clear();
     if (extended) {

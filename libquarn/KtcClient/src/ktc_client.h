@@ -55,6 +55,9 @@ class KtcClient {
   // Receive and send time-out of each piece's exchange (60000 ms). Tests shorten it to see
   // a silent sensor end a transfer without waiting a minute.
   void SetTransferTimeoutMs(uint32_t ms) { transfer_timeout_ms_.store(ms); }
+  // Every file transfer on this client, the running one and any later, ends with -1
+  // before its next piece. For an owner that is going away.
+  void CancelTransfers() { transfers_cancelled_.store(true); }
   // Hexadecimal command text; extended unless exactly 4 characters. Throws
   // std::invalid_argument / std::out_of_range for a text that is no number. Empties cmd_text.
   int TransferFileByCmdText(const std::vector<uint8_t>& data, std::string& cmd_text, std::atomic<uint32_t>& progress);
@@ -117,6 +120,7 @@ class KtcClient {
   std::mutex stop_mutex_;
   std::atomic<bool> literal_drain_{false};
   std::atomic<uint32_t> transfer_timeout_ms_{60000};
+  std::atomic<bool> transfers_cancelled_{false};
   // Set when an exchange failed or was abandoned: the next one waits for late bytes.
   // Guarded by command_mutex_.
   bool timed_drain_due_ = false;

@@ -160,4 +160,18 @@ TEST_F(ManagerUpgrade, ClosingDuringTheRebootPauseDoesNotWaitItOut) {
   EXPECT_EQ(sim_->Restarts(), 0u);
 }
 
+TEST_F(ManagerUpgrade, ClosingDuringTheTransferStopsItAtTheNextPiece) {
+  ASSERT_TRUE(Connect());
+  sim_->SetFailure(FailureMode::kDelay, 0x50, 40);  // 100 pieces: four seconds
+  ASSERT_EQ(Upgrade(WriteImage(100 * 1024)), 0);
+  ASSERT_TRUE(log_->Wait([&] { return m_->getUpgradeProgress() >= 3; }));
+  const auto start = Clock::now();
+  log_.reset();
+  m_.reset();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  EXPECT_LT(sim_->CommandCount(0x50), 50u);
+  EXPECT_EQ(sim_->UpgradesReceived(), 0u);
+  EXPECT_EQ(sim_->Restarts(), 0u);
+}
+
 }  // namespace
