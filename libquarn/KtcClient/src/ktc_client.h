@@ -66,8 +66,9 @@ class KtcClient {
                        std::vector<uint8_t>& out);
 
   int GetLastReturnCode() const { return last_return_code_.load(); }
-  // Receives the "SEND: " and "RECV: " lines.
-  void SetLogCallback(std::function<void(const std::string&)> callback);
+  // Receives the "SEND: " and "RECV: " lines. `wanted`, when given, is asked before each
+  // line is built: hexadecimal text of every piece of a file costs more than sending it.
+  void SetLogCallback(std::function<void(const std::string&)> callback, std::function<bool()> wanted = {});
   void SetSerialFastBaudRate(uint32_t baud) { serial_fast_baud_rate_.store(baud); }
   uint32_t GetSerialFastBaudRate() const { return serial_fast_baud_rate_.load(); }
   uint32_t GetSerialDefaultBaudRate() const { return serial_default_baud_rate_; }
@@ -81,13 +82,16 @@ class KtcClient {
 
  private:
   void TryOpen();
+  // `train`: a piece of a file transfer after a clean exchange of the same transfer; the
+  // untimed drain is left out (see TransferFile).
   int Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd, bool with_header,
-               bool download);
+               bool download, bool train = false);
   std::shared_ptr<ClientBase> Transport() const;
   void DrainStaleInput(ClientBase& transport);
   // Runs under the command lock.
   void ApplyTimeouts(ClientBase& transport, uint32_t receive_ms, uint32_t send_ms);
-  void EmitLog(const std::string& line);
+  // Builds the line with `make` only when someone takes it.
+  void EmitLog(const std::function<std::string()>& make);
 
   std::atomic<uint32_t> serial_fast_baud_rate_{3125000};
   const uint32_t serial_default_baud_rate_ = 115200;
@@ -116,6 +120,7 @@ class KtcClient {
   const float connect_timeout_s_;
   std::mutex callback_mutex_;
   std::function<void(const std::string&)> log_callback_;
+  std::function<bool()> log_wanted_;
 
   std::mutex stop_mutex_;
   std::atomic<bool> literal_drain_{false};
