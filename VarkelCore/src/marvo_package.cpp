@@ -20,8 +20,7 @@ bool IsFpga(const std::string& name) {
 }  // namespace
 
 const char* OtaComponentName(int index) {
-  static const char* const kNames[kOtaComponentCount] = {"BMB_APP_A", "BMB_APP_B", "BMB_FPGA", "TMB_FPGA",
-                                                         "TMB_PARAM"};
+  static const char* const kNames[kOtaComponentCount] = {"BMB_APP_A", "BMB_APP_B", "BMB_FPGA", "TMB_FPGA", "TMB_PARAM"};
   return index >= 0 && index < kOtaComponentCount ? kNames[index] : "";
 }
 
@@ -68,8 +67,8 @@ std::vector<OtaComponent> BuildOtaUpgradeList(const OtaPackageHeader& header, ui
   // The running partition's own application is never sent: the lidar writes the other one.
   const int app = partition == 0 ? kOtaBmbAppB : kOtaBmbAppA;
   std::vector<OtaComponent> list;
-  for (int index : {app, static_cast<int>(kOtaBmbFpga), static_cast<int>(kOtaTmbFpga),
-                    static_cast<int>(kOtaTmbParam)}) {
+  for (int index :
+       {app, static_cast<int>(kOtaBmbFpga), static_cast<int>(kOtaTmbFpga), static_cast<int>(kOtaTmbParam)}) {
     const OtaComponentRef& ref = header.components[static_cast<size_t>(index)];
     if (!ref.present) continue;
     list.push_back(OtaComponent{OtaComponentName(index), OtaComponentType(index), ref.offset, ref.size, true});

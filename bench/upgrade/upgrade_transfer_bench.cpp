@@ -114,8 +114,8 @@ constexpr uint8_t kCmd = 0x50;
 
 double ClientMiBps(const Bytes& image) {
   AckPeer peer;
-  auto client =
-      std::make_unique<KtcClient>("127.0.0.1", peer.port(), false, KtcClient::kClientTcp, 1, "", "", "", 4000, 4000, 10.0f);
+  auto client = std::make_unique<KtcClient>("127.0.0.1", peer.port(), false, KtcClient::kClientTcp, 1, "", "", "", 4000,
+                                            4000, 10.0f);
   const auto deadline = Clock::now() + std::chrono::seconds(10);
   while (!client->IsOpen() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(2));
   if (!client->IsOpen()) {
@@ -203,8 +203,7 @@ int main(int argc, char** argv) {
   const double c = Median(client);
   std::printf("upgrade transfer, %zu MiB in %zu pieces of 1024 bytes, %d rounds, medians\n", mib, requests.size(),
               rounds);
-  std::printf("  stop-and-wait floor      %8.2f MiB/s  (%6.1f us per piece)\n", f,
-              1e6 / (f * 1024.0));
+  std::printf("  stop-and-wait floor      %8.2f MiB/s  (%6.1f us per piece)\n", f, 1e6 / (f * 1024.0));
   std::printf("  KtcClient::TransferFile  %8.2f MiB/s  (%6.1f us per piece)\n", c, 1e6 / (c * 1024.0));
   std::printf("  of which cutting and checksumming the image up front: %.2f ms\n", Median(build));
   const double r = Median(paired);

@@ -247,7 +247,9 @@ void Logger::RemoveObserver(int id) {
   impl_->observer_count.store(static_cast<int>(impl_->observers.size()));
 }
 
-std::string Logger::LogDirectory() const { return impl_->directory; }
+std::string Logger::LogDirectory() const {
+  return impl_->directory;
+}
 
 void Logger::Flush() {
   std::lock_guard<std::mutex> write(impl_->write_mutex);

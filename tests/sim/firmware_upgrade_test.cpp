@@ -19,7 +19,10 @@ std::vector<uint8_t> Bytes(const std::string& s) {
 
 TEST(FirmwareImage, VersionLineIsFoundOnlyAtALineStart) {
   EXPECT_EQ(ImageVersion(Bytes("VERSION=1.5.0 (2026-11-23)")), "1.5.0 (2026-11-23)");
-  EXPECT_EQ(ImageVersion(Bytes(std::string("\x7f" "ELF\0\0junk\nVERSION=1.5.1\r\nrest", 25))), "1.5.1");
+  EXPECT_EQ(ImageVersion(Bytes(std::string("\x7f"
+                                           "ELF\0\0junk\nVERSION=1.5.1\r\nrest",
+                                           25))),
+            "1.5.1");
   EXPECT_EQ(ImageVersion(Bytes(std::string("x\nVERSION=2.0\0tail", 17))), "2.0");
   // Inside a line it is data, not the announcement; a later line still counts.
   EXPECT_EQ(ImageVersion(Bytes("OLDVERSION=0.1\nVERSION=0.2\n")), "0.2");

@@ -55,7 +55,8 @@ TEST_F(ManagerObject, MetaObjectKeepsSignalAndInvokableOrder) {
   // Defaulted arguments appear twice, as Qt makes one method per arity.
   EXPECT_EQ(MethodNames(QMetaMethod::Method),
             "InitConfigFileParser InitConfigFileParser ConnectLidar CheckLidarConnection Run Stop SetText ClearSetMap "
-            "getSetMapSize StartGetConfigFile Restart Reset DownloadOperationLog DownloadOperationLogThread DownloadLog "
+            "getSetMapSize StartGetConfigFile Restart Reset UpgradeLidar DownloadOperationLog DownloadOperationLogThread "
+            "DownloadLog "
             "GetLidarModuleInfo UpdateSingleVarInfo UpdateSingleVarInfo "
             "CheckVarIsWithinRange CheckVarIsWithinRange CheckModuleVarsWithinRange SetMultiFovConfig UpdateUI "
             "setErrorMsg setSuccessMsg "

@@ -38,8 +38,8 @@ class TestManager : public VarkelManager {
   TestManager() : VarkelManager(true, "./Config/varID/Testa.csv") {}
   using VarkelManager::GetInfoFromLidarWithSameCmd;
   using VarkelManager::Init;
-  using VarkelManager::searchVarPtr;
   using VarkelManager::KtcClientHandle;
+  using VarkelManager::searchVarPtr;
   using VarkelManager::SetRebootWait;
   using VarkelManager::SetUpgrading;
   using VarkelManager::updateSingleVarFromOutput;

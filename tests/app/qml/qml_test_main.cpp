@@ -3,14 +3,14 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDropEvent>
 #include <QFile>
+#include <QMimeData>
 #include <QQmlComponent>
 #include <QQmlContext>
 #include <QQmlEngine>
-#include <QMimeData>
 #include <QQuickItem>
 #include <QQuickWindow>
-#include <QDropEvent>
 #include <QTemporaryDir>
 #include <QtQuickTest>
 
