@@ -512,6 +512,7 @@ Rectangle {
                         canEditFov: root.canEditFov
                         onCancelRequested: root.cancelPage(page)
                         onSaveRequested: root.savePage(page)
+                        onErrorRequested: root.callErrorInfoWindow(message)
                     }
                 }
 

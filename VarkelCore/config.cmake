@@ -7,7 +7,8 @@ add_library(varkel_config STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/number_text.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/csv_reader.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/config_parser.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/src/str_parser.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/str_parser.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/marvo_package.cpp)
 target_include_directories(varkel_config PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_compile_features(varkel_config PUBLIC cxx_std_17)
 target_include_directories(varkel_config PRIVATE ${VARKEL_CSV_INCLUDE_DIR})

@@ -12,6 +12,7 @@ add_library(VarkelCore STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_console.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_maintenance.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_small_sensor.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_upgrade.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/manager_catalogue.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/log_file_name.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/value_text.cpp)

@@ -1,5 +1,7 @@
 #include "mainwindow.h"
 
+#include <QCloseEvent>
+#include <QMessageBox>
 #include <QQmlContext>
 #include <QQuickView>
 #include <QUrl>
@@ -28,6 +30,21 @@ MainWindow::MainWindow(QWidget* parent, QString moduleName)
   container->setMinimumSize(1300, 800);
   container->setFocusPolicy(Qt::TabFocus);
   ui->horizontalLayout3D->addWidget(container);
+}
+
+void MainWindow::closeEvent(QCloseEvent* event) {
+  if (manager != nullptr && manager->getIsUpgrading()) {
+    const auto answer = QMessageBox::question(
+        this, QStringLiteral("Firmware upgrade running"),
+        QStringLiteral("A firmware upgrade is running. Closing now stops it and may leave the lidar "
+                       "without working firmware.\n\nClose anyway?"),
+        QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
+    if (answer != QMessageBox::Yes) {
+      event->ignore();
+      return;
+    }
+  }
+  QMainWindow::closeEvent(event);
 }
 
 MainWindow::~MainWindow() {

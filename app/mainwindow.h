@@ -22,6 +22,11 @@ class MainWindow : public QMainWindow {
   MainWindow(const MainWindow&) = delete;
   MainWindow& operator=(const MainWindow&) = delete;
 
+ protected:
+  // Asks before closing while a firmware upgrade runs: a half-written image may leave
+  // the lidar unable to start.
+  void closeEvent(QCloseEvent* event) override;
+
  private:
   Ui::MainWindow* ui;
   QQuickView* view;

@@ -19,6 +19,7 @@ Item {
     property bool canEditFov: false
     signal cancelRequested(int page)
     signal saveRequested(int page)
+    signal errorRequested(string message)
 
     readonly property bool hasUpgradeArea: {
         for (var k = 0; k < entries.length; ++k)
@@ -73,6 +74,7 @@ Item {
                     outOfRangeNames: page.outOfRangeNames
                     canWrite: page.canWrite
                     canEditFov: page.canEditFov
+                    onErrorRequested: page.errorRequested(message)
                 }
             }
         }

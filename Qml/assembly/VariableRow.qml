@@ -5,7 +5,8 @@ import "."
 
 // One variable of a page, drawn by its component kind:
 // 0 name and value, 1 entry field, 2 switch and entry field, 3 option list,
-// 5 option list with the ten field-of-view boxes. Other kinds draw nothing here.
+// 4 the firmware upgrade area, 5 option list with the ten field-of-view boxes.
+// Other kinds draw nothing here.
 Item {
     id: row
     // [label, kind, module, group, index], as the controller lists a page's rows.
@@ -17,6 +18,8 @@ Item {
     property var outOfRangeNames: []
     property bool canWrite: false
     property bool canEditFov: false
+    // A notice the page should show (the upgrade area's refusal of a file).
+    signal errorRequested(string message)
 
     readonly property string label: entry.length > 0 ? String(entry[0]) : ""
     readonly property int kind: entry.length > 1 ? Number(entry[1]) : -1
@@ -24,6 +27,7 @@ Item {
     readonly property int groupIndex: entry.length > 3 ? Number(entry[3]) : -1
     readonly property int varIndex: entry.length > 4 ? Number(entry[4]) : -1
     readonly property bool drawn: kind === 0 || kind === 1 || kind === 2 || kind === 3 || kind === 5
+    readonly property bool isUpgrade: kind === 4
     // Fixed per row for one table: the controller marks which variables the page timer re-reads.
     readonly property bool timerUpdated: manager !== null && kind >= 0
                                          && manager.isTimerUpdate(moduleIndex, groupIndex, varIndex)
@@ -62,8 +66,24 @@ Item {
         return -1;
     }
 
-    visible: drawn
-    implicitHeight: !drawn ? 0 : kind === 5 ? Theme.fovRowHeight : Theme.rowHeight
+    visible: drawn || isUpgrade
+    implicitHeight: isUpgrade ? upgradeLoader.implicitHeight
+                  : !drawn ? 0 : kind === 5 ? Theme.fovRowHeight : Theme.rowHeight
+
+    Loader {
+        id: upgradeLoader
+        anchors.left: parent.left
+        anchors.right: parent.right
+        active: row.isUpgrade
+        sourceComponent: UpgradeArea {
+            manager: row.manager
+            title: row.label
+            startUpgrade: function (url) {
+                return row.manager.UpgradeLidar(url, row.moduleIndex, row.groupIndex, row.varIndex);
+            }
+            onRejected: row.errorRequested(message)
+        }
+    }
 
     Rectangle {
         anchors.left: parent.left

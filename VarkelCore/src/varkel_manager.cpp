@@ -41,6 +41,10 @@ VarkelManager::~VarkelManager() {
   // Workers first, so none of them starts a refresh thread behind our back; then the
   // refresh thread; the clients go with the members.
   closing_.store(true);
+  // A running upgrade stops at its next piece instead of holding the close up.
+  if (auto client = KtcClientHandle()) client->CancelTransfers();
+  { std::lock_guard<std::mutex> lock(closing_mutex_); }
+  closing_cv_.notify_all();
   JoinWorkers();
   StopRefreshThread();
   std::shared_ptr<quarn::lidar::SerialSource> s485, s232;
@@ -312,6 +316,11 @@ void VarkelManager::StartWorker(std::function<void()> body) {
                               done->store(true);
                             }),
                             done});
+}
+
+bool VarkelManager::WaitUnlessClosing(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock<std::mutex> lock(closing_mutex_);
+  return closing_cv_.wait_until(lock, deadline, [this] { return closing_.load(); });
 }
 
 void VarkelManager::JoinWorkers() {

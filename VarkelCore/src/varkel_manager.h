@@ -16,6 +16,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -114,7 +115,7 @@ class VarkelManager : public QObject {
   bool getIsDownloadLog() const { return is_download_log_.load(); }
   void setIsDownloadLog(bool value);
   QVariantList getLidarModelList() const;
-  int getUpgradeProgress() const { return upgrade_progress_.load(); }
+  int getUpgradeProgress() const { return static_cast<int>(upgrade_progress_.load()); }
   int getUpgradeProgressTotalLen() const { return upgrade_progress_total_len_.load(); }
   int getConnectType() const { return connect_type_.load(); }
   QVariantList getLevel1List() const;
@@ -145,7 +146,11 @@ class VarkelManager : public QObject {
   // or the sensor's return code. Success disconnects.
   Q_INVOKABLE int Restart();
   Q_INVOKABLE int Reset();
-  // Upgrades come here.
+  // Network firmware upgrade with the command of the variable at page `level1`, group
+  // `level2`, row `level3`. -1 refused (no open client, an upgrade or log download
+  // running, no table); 0 otherwise, also when the file or the command cannot be used
+  // (nothing starts then). The outcome arrives as IsUpgrading falling and a message.
+  Q_INVOKABLE int UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3);
   // Log downloads on a worker thread: 0 started, -1 refused (not connected, upgrading, or
   // a download already running). `fileUrl` names the archive (operation log) or the folder.
   Q_INVOKABLE int DownloadOperationLog(QUrl fileUrl);
@@ -253,6 +258,8 @@ class VarkelManager : public QObject {
   void SetDownloadFlag(bool value);
   // Set by the upgrade for its whole run; emits isUpgradingChanged on a change.
   void SetUpgrading(bool value);
+  // The pause between a transmitted upgrade and the restart command (10 s). Tests shorten it.
+  void SetRebootWait(std::chrono::milliseconds wait) { reboot_wait_ms_.store(wait.count()); }
 
  private:
   struct Worker {
@@ -318,6 +325,10 @@ class VarkelManager : public QObject {
   // Runs `body` on a thread that the destructor joins; finished ones are reaped here.
   void StartWorker(std::function<void()> body);
   void JoinWorkers();
+  // The generic upgrade's worker: the transfer, then the message and the restart.
+  void UpgradeWorker(std::vector<uint8_t> data, std::string command_text);
+  // Waits until `deadline` or until the controller closes; true when it closed.
+  bool WaitUnlessClosing(std::chrono::steady_clock::time_point deadline);
   void Trace(const char* operation, const std::string& text) const;
   void StoreValue(VarInfo* var, const std::string& text);
   std::string ValueOf(const VarInfo* var) const;
@@ -389,13 +400,18 @@ class VarkelManager : public QObject {
   std::atomic<bool> connecting_{false};
   std::atomic<bool> is_upgrading_{false};
   std::atomic<bool> is_download_log_{false};
-  std::atomic<int> upgrade_progress_{0};
+  // Pieces of 1024 bytes sent so far, the one in flight included (the client's count).
+  std::atomic<uint32_t> upgrade_progress_{0};
   std::atomic<int> upgrade_progress_total_len_{1};
   std::atomic<bool> log_bytes_flow_{false};
   std::atomic<int> connect_type_{0};
 
   // Set by the destructor: connect workers give up instead of starting a refresh thread.
   std::atomic<bool> closing_{false};
+  // Wakes a worker's wait (the upgrade's reboot pause) when the controller closes.
+  std::mutex closing_mutex_;
+  std::condition_variable closing_cv_;
+  std::atomic<int64_t> reboot_wait_ms_{10000};
   std::mutex workers_mutex_;
   std::vector<Worker> workers_;
 };

@@ -58,7 +58,8 @@ bool VarkelManager::ConnectLidar() {
 }
 
 void VarkelManager::InstallKtcLogCallback(KtcClient& client) {
-  client.SetLogCallback([this](const std::string& line) { OnClientLog(line); });
+  client.SetLogCallback([this](const std::string& line) { OnClientLog(line); },
+                        [this] { return log_bytes_flow_.load(); });
 }
 
 void VarkelManager::OnClientLog(const std::string& line) {

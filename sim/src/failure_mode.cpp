@@ -26,6 +26,8 @@ constexpr NamedMode kNames[] = {
     {FailureMode::kResetMidReply, "reset-mid-reply"},
     {FailureMode::kSlowDrip, "slow-drip"},
     {FailureMode::kDisconnectAfterPieces, "disconnect-after-pieces"},
+    {FailureMode::kRefusePiece, "refuse-piece"},
+    {FailureMode::kSilentAfterPieces, "silent-after-pieces"},
 };
 
 std::vector<uint8_t> Slice(const std::vector<uint8_t>& v, size_t from, size_t to) {
@@ -118,6 +120,8 @@ std::vector<WriteStep> ShapeReply(int version, std::vector<uint8_t> f, FailureMo
     }
     case FailureMode::kNone:
     case FailureMode::kDisconnectAfterPieces:
+    case FailureMode::kRefusePiece:
+    case FailureMode::kSilentAfterPieces:
       break;
   }
   steps.push_back({0, std::move(f), WriteStep::After::kNothing});

@@ -23,6 +23,8 @@ enum class FailureMode {
   kResetMidReply,          // half the header, then the connection is reset
   kSlowDrip,               // identifiers together, then one byte every param ms (default 5)
   kDisconnectAfterPieces,  // a file transfer's connection is closed after param pieces (default 1)
+  kRefusePiece,            // file piece number param (default 1) is refused with 0x03; the file fails
+  kSilentAfterPieces,      // file pieces after number param (default 1) are swallowed unanswered
 };
 
 // Command-line names: "no-reply", "slow-drip"...
@@ -39,8 +41,9 @@ struct WriteStep {
 };
 
 // Cuts a well-formed reply frame of KTC version `version` into the writes `mode` asks
-// for. kNoReply yields no step; kDisconnectAfterPieces leaves the reply alone. The frame
-// is taken by value: a log reply can be tens of MiB, and callers move it in.
+// for. kNoReply yields no step; kDisconnectAfterPieces and the other file-piece modes leave
+// the reply alone. The frame is taken by value: a log reply can be tens of MiB, and callers
+// move it in.
 std::vector<WriteStep> ShapeReply(int version, std::vector<uint8_t> frame, FailureMode mode, int param);
 
 }  // namespace varkel::sim

@@ -31,6 +31,9 @@ void FileReceiver::Finish(bool ok) {
   open_ = false;
   next_ = 1;
   total_ = 0;
+  if (ok) {
+    last_complete_.swap(data_);
+  }
   data_.clear();
 }
 

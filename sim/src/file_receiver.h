@@ -34,6 +34,8 @@ class FileReceiver {
 
   // The last file finished or abandoned.
   std::optional<TransferRecord> last() const { return last_; }
+  // The bytes of the last file that arrived whole (empty until one did).
+  const std::vector<uint8_t>& last_complete_data() const { return last_complete_; }
   // Pieces accepted of the file now being received (0 when none is open).
   uint32_t pieces_in_progress() const { return open_ ? next_ - 1 : 0; }
 
@@ -45,6 +47,7 @@ class FileReceiver {
   uint32_t total_ = 0;
   std::vector<uint8_t> data_;
   std::optional<TransferRecord> last_;
+  std::vector<uint8_t> last_complete_;
 };
 
 std::string Sha256Hex(const std::vector<uint8_t>& data);

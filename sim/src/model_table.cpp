@@ -32,9 +32,16 @@ std::optional<std::vector<BankVariable>> LoadModelTable(const std::string& path,
     b.options.assign(v->options.begin(), v->options.end());
     b.range_min = v->range_min;
     b.range_max = v->range_max;
+    b.component_type = v->component_type;
     vars.push_back(std::move(b));
   }
   return vars;
+}
+
+std::optional<CommandKey> UpgradeCommand(const std::vector<BankVariable>& vars) {
+  for (const BankVariable& v : vars)
+    if (v.component_type == 4 && !v.set_cmd.empty()) return ParseCommandText(v.set_cmd);
+  return std::nullopt;
 }
 
 }  // namespace varkel::sim

@@ -12,4 +12,7 @@ namespace varkel::sim {
 
 std::optional<std::vector<BankVariable>> LoadModelTable(const std::string& path, std::string* error);
 
+// The set command of the firmware upgrade row (page control 4); nullopt when none.
+std::optional<CommandKey> UpgradeCommand(const std::vector<BankVariable>& vars);
+
 }  // namespace varkel::sim

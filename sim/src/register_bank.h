@@ -31,6 +31,7 @@ struct BankVariable {
   std::vector<int> options;
   int range_min = 0;
   int range_max = 0;
+  int component_type = -1;  // the page control: 4 = firmware upgrade area
 };
 
 class RegisterBank {

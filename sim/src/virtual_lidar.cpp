@@ -16,6 +16,7 @@
 
 #include "command_key.h"
 #include "device_log.h"
+#include "firmware_image.h"
 #include "ktc_wire.h"
 #include "model_table.h"
 #include "platform/net.h"
@@ -133,6 +134,7 @@ bool VirtualLidar::Start(std::string* error) {
     table_bytes_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
   FindMaintenanceVariables(*vars);
+  upgrade_key_ = UpgradeCommand(*vars);
   bank_ = std::make_unique<RegisterBank>(std::move(*vars), opt_.model, opt_.live_values);
   {
     std::lock_guard<std::mutex> lock(stop_mu_);
@@ -438,7 +440,7 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     const uint32_t code = ReadU32BE(p.data());
     const std::vector<uint8_t> rest(p.begin() + 4, p.end());
     if (auto inner = ParseWholeV1Frame(rest.data(), rest.size()); inner && inner->cmd == req.cmd)
-      return OnPiece(req.cmd, CodeBytes(code), inner->payload, conn);
+      return OnPiece(req.cmd, CommandKey{true, code}, CodeBytes(code), inner->payload, conn);
     if (auto log = LogAnswer(CommandKey{true, code}, rest)) return std::move(*log);
     if (auto a = bank_->Handle(CommandKey{true, code}, rest)) {
       r.return_code = a->return_code;
@@ -451,7 +453,7 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
     return r;
   }
   if (auto inner = ParseWholeV1Frame(p.data(), p.size()); inner && inner->cmd == req.cmd)
-    return OnPiece(req.cmd, {}, inner->payload, conn);
+    return OnPiece(req.cmd, CommandKey{false, req.cmd}, {}, inner->payload, conn);
   if (auto fov = FovAnswer(req.cmd, p)) return *fov;
   if (req.cmd == kTableReadCmd && p.empty()) {
     r.payload = table_bytes_;
@@ -559,6 +561,8 @@ void VirtualLidar::RunRestart() {
     bank_->RestoreDefaults();
     fov_.RestoreDefaults();
   }
+  // After the defaults: the firmware a reset restarts into is the newly flashed one.
+  ApplyPendingUpgrade();
   {
     std::lock_guard<std::mutex> lock(state_mu_);
     ++restarts_;
@@ -630,15 +634,36 @@ std::optional<VirtualLidar::Reply> VirtualLidar::FovAnswer(uint8_t cmd, const st
   return r;
 }
 
-VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix,
+VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const CommandKey& key, const std::vector<uint8_t>& code_prefix,
                                           const std::vector<uint8_t>& piece, const Connection* conn) {
   Reply r;
   r.payload = code_prefix;
+  const FailureSpec f = FailureFor(cmd);
+  const uint32_t k = piece.size() >= 8 ? ReadU32BE(piece.data() + 4) : 0;
+  const uint32_t limit = static_cast<uint32_t>(f.param > 0 ? f.param : 1);
+  if (f.mode == FailureMode::kSilentAfterPieces && k > limit) {
+    r.send = false;
+    path_->Note("file piece swallowed (silent-after-pieces)");
+    return r;
+  }
   FileReceiver::Result result;
   {
     std::lock_guard<std::mutex> lock(state_mu_);
+    if (f.mode == FailureMode::kRefusePiece && k == limit) {
+      files_.Abandon();
+      transfer_owner_ = nullptr;
+      r.return_code = kRcBadPiece;
+      path_->Note("file piece refused (refuse-piece)");
+      return r;
+    }
     result = files_.OnPiece(piece.data(), piece.size());
     transfer_owner_ = files_.pieces_in_progress() > 0 ? conn : nullptr;
+    if (result == FileReceiver::Result::kCompleted && upgrade_key_ == key) {
+      // Flashed, in the sensor's terms; it runs the new image only after a restart.
+      ++upgrades_received_;
+      upgrade_pending_ = true;
+      pending_version_ = ImageVersion(files_.last_complete_data());
+    }
   }
   switch (result) {
     case FileReceiver::Result::kAccepted:
@@ -654,12 +679,25 @@ VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const std::vector<uint8_t
       path_->Note("file piece refused: out of order or malformed");
       return r;
   }
-  const FailureSpec f = FailureFor(cmd);
-  if (f.mode == FailureMode::kDisconnectAfterPieces) {
-    const uint32_t k = ReadU32BE(piece.data() + 4);
-    if (k >= static_cast<uint32_t>(f.param > 0 ? f.param : 1)) r.close_after = true;
-  }
+  if (f.mode == FailureMode::kDisconnectAfterPieces && k >= limit) r.close_after = true;
   return r;
+}
+
+void VirtualLidar::ApplyPendingUpgrade() {
+  std::optional<std::string> version;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    if (!upgrade_pending_) return;
+    upgrade_pending_ = false;
+    version = pending_version_;
+  }
+  if (!version) {
+    path_->Note("restart: the new image announces no version; Firmware Version unchanged");
+  } else if (!bank_->SetValue("Firmware Version", *version)) {
+    path_->Note("restart: version text \"" + *version + "\" does not fit Firmware Version; unchanged");
+  } else {
+    path_->Note("restart: now running firmware " + *version);
+  }
 }
 
 void VirtualLidar::SerialLoop() {
@@ -835,6 +873,17 @@ std::vector<std::string> VirtualLidar::VariableIds() const {
 std::optional<VirtualLidar::Transfer> VirtualLidar::LastTransfer() const {
   std::lock_guard<std::mutex> lock(state_mu_);
   return files_.last();
+}
+
+uint64_t VirtualLidar::UpgradesReceived() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return upgrades_received_;
+}
+
+std::optional<std::string> VirtualLidar::PendingFirmwareVersion() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  if (!upgrade_pending_) return std::nullopt;
+  return pending_version_;
 }
 
 SmallSensorState VirtualLidar::SmallSensor() const {

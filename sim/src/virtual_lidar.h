@@ -98,6 +98,11 @@ class VirtualLidar {
   std::vector<std::string> VariableIds() const;
 
   std::optional<Transfer> LastTransfer() const;
+  // Firmware upgrades: files that arrived whole on the table's upgrade command. The
+  // version their image announces (docs/virtual-lidar.md) becomes the "Firmware Version"
+  // at the next restart command.
+  uint64_t UpgradesReceived() const;
+  std::optional<std::string> PendingFirmwareVersion() const;
   uint32_t BaudRate() const { return baud_rate_.load(); }
 
   // The field of view behind 0x23/0x22, in hundredths of a degree (start 0, end 36000).
@@ -164,8 +169,10 @@ class VirtualLidar {
   void DropConnections();
   void Serve(Connection* conn);
   Reply Dispatch(const KtcRequest& req, const Connection* conn);
-  Reply OnPiece(uint8_t cmd, const std::vector<uint8_t>& code_prefix, const std::vector<uint8_t>& piece,
-                const Connection* conn);
+  Reply OnPiece(uint8_t cmd, const CommandKey& key, const std::vector<uint8_t>& code_prefix,
+                const std::vector<uint8_t>& piece, const Connection* conn);
+  // During a restart: a firmware image received whole takes effect.
+  void ApplyPendingUpgrade();
   // The answer to a field-of-view read or write; nullopt for other commands.
   std::optional<Reply> FovAnswer(uint8_t cmd, const std::vector<uint8_t>& payload);
   // The answer to a log request; nullopt when the command is no log's.
@@ -211,6 +218,7 @@ class VirtualLidar {
   // Set in Start from the table, before any connection thread runs; read-only afterwards.
   std::optional<CommandKey> restart_key_;
   std::optional<CommandKey> reset_key_;
+  std::optional<CommandKey> upgrade_key_;
   std::vector<LogVar> logs_;
   std::vector<uint8_t> table_bytes_;
   std::thread accept_thread_;
@@ -236,6 +244,9 @@ class VirtualLidar {
   const Connection* transfer_owner_ = nullptr;
   uint64_t restarts_ = 0;
   uint64_t resets_ = 0;
+  uint64_t upgrades_received_ = 0;
+  bool upgrade_pending_ = false;
+  std::optional<std::string> pending_version_;
 
   // Lets Pause() wake at once when Stop is called, and carries the restart hand-over
   // between a connection thread and the accept thread.

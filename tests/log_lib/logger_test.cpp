@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -76,6 +79,37 @@ TEST(Logger, ConcurrentWritersLoseNothing) {
   for (auto& th : threads) th.join();
   EXPECT_EQ(cap.Records().size(), 1000u);
   EXPECT_FALSE(Logger::GetInstance().LogDirectory().empty());
+}
+
+std::string LogFileText() {
+  std::ifstream in(Logger::GetInstance().LogDirectory() + "/varkel.log");
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TEST(Logger, BatchedLinesKeepTheirOrderAroundWarningsAndReachTheFileUnasked) {
+  const std::string tag = std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+  LOG_TIMING("first %s", tag.c_str());
+  LOG_WARNING("second %s", tag.c_str());  // written at once, after the line before it
+  LOG_PROGRESS("third %s", tag.c_str());
+  Logger::GetInstance().Flush();
+  const std::string text = LogFileText();
+  const size_t a = text.find("first " + tag), b = text.find("second " + tag), c = text.find("third " + tag);
+  ASSERT_NE(a, std::string::npos);
+  ASSERT_NE(b, std::string::npos);
+  ASSERT_NE(c, std::string::npos);
+  EXPECT_LT(a, b);
+  EXPECT_LT(b, c);
+  EXPECT_NE(text.find("[logger_test.cpp:"), std::string::npos);
+
+  // Without a flush, a quiet logger still writes the batch within a moment.
+  LOG_TIMING("unasked %s", tag.c_str());
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  bool seen = false;
+  while (!seen && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    seen = LogFileText().find("unasked " + tag) != std::string::npos;
+  }
+  EXPECT_TRUE(seen);
 }
 
 }  // namespace

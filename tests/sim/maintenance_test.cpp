@@ -24,15 +24,6 @@ std::unique_ptr<VirtualLidar> StartQuenta(int ktc_version = 1) {
   return simtest::StartSim(o, ktc_version);
 }
 
-bool WaitFor(const std::function<bool()>& done, int ms = 5000) {
-  const auto end = Clock::now() + std::chrono::milliseconds(ms);
-  while (!done()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
 // Reads until the peer closes; true when it did so within 5 s.
 bool ClosedByPeer(int fd) {
   uint8_t b[64];
@@ -70,10 +61,10 @@ TEST(SimRestart, AnswersDropsEveryConnectionStaysAwayForTheDelayAndComesBackOnTh
   ::close(fd);
   ::close(bystander);
   EXPECT_EQ(simtest::ConnectRaw(port), -1);  // refused while restarting
-  EXPECT_TRUE(WaitFor([&] { return sim->RestartCount() == 1; }));
+  EXPECT_TRUE(simtest::WaitUntil([&] { return sim->RestartCount() == 1; }));
 
   int again = -1;
-  EXPECT_TRUE(WaitFor([&] { return (again = simtest::ConnectRaw(port)) >= 0; }));
+  EXPECT_TRUE(simtest::WaitUntil([&] { return (again = simtest::ConnectRaw(port)) >= 0; }));
   EXPECT_GE(Clock::now() - replied, std::chrono::milliseconds(kRestartMs - 50));
   // The run time starts again; the total goes on.
   // Run time (4 bytes) and total (8 bytes) lead the reply to extended code 0x1A05.
@@ -105,7 +96,7 @@ TEST(SimRestart, RefusedOrSwallowedRequestsLeaveTheSensorRunningAndStopDoesNotWa
   sim->SetFailure(FailureMode::kSplitHeader, 0x10, 3);
   sim->SetRestartDelay(20000);
   EXPECT_EQ(Query(*client, 0x10, {}), 0);
-  EXPECT_TRUE(WaitFor([&] { return sim->RestartCount() == 1; }));
+  EXPECT_TRUE(simtest::WaitUntil([&] { return sim->RestartCount() == 1; }));
   const auto t0 = Clock::now();
   sim->Stop();
   EXPECT_LT(Clock::now() - t0, std::chrono::seconds(2));
@@ -121,7 +112,7 @@ TEST(SimReset, RestoresTheTablesValuesAndFieldOfViewThenRestarts) {
   ASSERT_TRUE(sim->SetValue("Spin Rate", "1200"));
 
   EXPECT_EQ(Query(*client, 0x25, {}), 0);
-  EXPECT_TRUE(WaitFor([&] { return sim->ResetCount() == 1; }));
+  EXPECT_TRUE(simtest::WaitUntil([&] { return sim->ResetCount() == 1; }));
   EXPECT_EQ(sim->RestartCount(), 1u);
   EXPECT_NE(Query(*client, 0x08, {}), 0);
   EXPECT_EQ(sim->Value("IP Address"), "192.168.1.201");
@@ -131,7 +122,7 @@ TEST(SimReset, RestoresTheTablesValuesAndFieldOfViewThenRestarts) {
 
   // Back after the delay, with the defaults on the wire too.
   std::unique_ptr<ql::KtcClient> back;
-  EXPECT_TRUE(WaitFor([&] {
+  EXPECT_TRUE(simtest::WaitUntil([&] {
     const int fd = simtest::ConnectRaw(sim->port());
     if (fd < 0) return false;
     ::close(fd);

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,6 +22,16 @@
 #include "virtual_lidar.h"
 
 namespace simtest {
+
+// Polls `done` until it holds or `ms` have passed.
+inline bool WaitUntil(const std::function<bool()>& done, int ms = 5000) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 inline std::vector<uint8_t> Hex(const std::string& text) {
   std::vector<uint8_t> out;

@@ -19,7 +19,6 @@ constexpr size_t kDrainBufferSize = 1500;
 constexpr uint32_t kLargePayloadWarning = 10240;
 // The payload buffer grows by at most this much ahead of the bytes that have arrived.
 constexpr size_t kPayloadChunk = 64 * 1024;
-constexpr uint32_t kTransferTimeoutMs = 60000;
 // A transport's own time-out, used while the client has none configured.
 constexpr uint32_t kDefaultTransportTimeoutMs = 500;
 constexpr size_t kMaxFrameSize = 0xFFFF;  // what one Send call can carry
@@ -82,9 +81,10 @@ std::string KtcClient::GetLidarIp() const {
   return lidar_ip_;
 }
 
-void KtcClient::SetLogCallback(std::function<void(const std::string&)> callback) {
+void KtcClient::SetLogCallback(std::function<void(const std::string&)> callback, std::function<bool()> wanted) {
   std::lock_guard<std::mutex> lock(callback_mutex_);
   log_callback_ = std::move(callback);
+  log_wanted_ = std::move(wanted);
 }
 
 std::shared_ptr<ClientBase> KtcClient::Transport() const {
@@ -163,13 +163,17 @@ void KtcClient::ApplyTimeouts(ClientBase& transport, uint32_t receive_ms, uint32
   transport.SetTimeout(receive_ms, send_ms);
 }
 
-void KtcClient::EmitLog(const std::string& line) {
+void KtcClient::EmitLog(const std::function<std::string()>& make) {
   std::function<void(const std::string&)> callback;
+  std::function<bool()> wanted;
   {
     std::lock_guard<std::mutex> lock(callback_mutex_);
+    if (!log_callback_) return;
     callback = log_callback_;
+    wanted = log_wanted_;
   }
-  if (callback) callback(line);
+  if (wanted && !wanted()) return;
+  callback(make());
 }
 
 void KtcClient::DrainStaleInput(ClientBase& transport) {
@@ -201,7 +205,7 @@ int KtcClient::DownloadQuery(const std::vector<uint8_t>& payload, std::vector<ui
 }
 
 int KtcClient::Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd,
-                        bool with_header, bool download) {
+                        bool with_header, bool download, bool train) {
   auto transport = Transport();
   if (!transport || !transport->IsOpened()) {
     LOG_ERROR("Client is not open, cannot send command.");
@@ -228,11 +232,11 @@ int KtcClient::Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t
     last_return_code_.store(kKtcSendFailed);
     ended_before_payload = true;
   } else {
-    DrainStaleInput(*transport);
+    if (!train || timed_drain_due_ || literal_drain_.load()) DrainStaleInput(*transport);
     // One Send carries at most 65535 bytes; a longer frame is refused whole rather than cut.
     const int sent =
         frame.size() <= kMaxFrameSize ? transport->Send(frame.data(), static_cast<uint16_t>(frame.size()), 0) : 0;
-    EmitLog("SEND: " + ToHexSpaced(frame));
+    EmitLog([&] { return "SEND: " + ToHexSpaced(frame); });
     if (sent != static_cast<int>(frame.size())) {
       LOG_WARNING("send failure, %d.", sent);
       ret = -1;
@@ -334,7 +338,9 @@ int KtcClient::Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t
   timed_drain_due_ = ret != 0;
   if (download) ApplyTimeouts(*transport, saved_recv_ms, saved_send_ms);
 
-  EmitLog(ret == -1 ? "RECV: ret_code is " + std::to_string(last_return_code_.load()) : "RECV: " + ToHexSpaced(result));
+  EmitLog([&] {
+    return ret == -1 ? "RECV: ret_code is " + std::to_string(last_return_code_.load()) : "RECV: " + ToHexSpaced(result);
+  });
   const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
   LOG_TIMING("exec time: %fms", static_cast<double>(us) / 1000.0);
   return ret;
@@ -355,7 +361,7 @@ int KtcClient::TransferFile(const std::vector<uint8_t>& data, uint32_t code, boo
     set_timeouts(recv_timeout_ms_ != 0 ? recv_timeout_ms_ : kDefaultTransportTimeoutMs,
                  send_timeout_ms_ != 0 ? send_timeout_ms_ : kDefaultTransportTimeoutMs);
   };
-  set_timeouts(kTransferTimeoutMs, kTransferTimeoutMs);
+  set_timeouts(transfer_timeout_ms_.load(), transfer_timeout_ms_.load());
 
   const uint8_t cmd = extended ? 0xFF : static_cast<uint8_t>(code & 0xFF);
   std::vector<std::vector<uint8_t>> frames;
@@ -366,6 +372,10 @@ int KtcClient::TransferFile(const std::vector<uint8_t>& data, uint32_t code, boo
   std::vector<uint8_t> payload;
   std::vector<uint8_t> reply;
   for (size_t k = 0; k < frames.size(); ++k) {
+    if (transfers_cancelled_.load()) {
+      restore();
+      return -1;
+    }
     progress.store(static_cast<uint32_t>(k + 1));
     payload.clear();
     if (extended) {
@@ -375,7 +385,11 @@ int KtcClient::TransferFile(const std::vector<uint8_t>& data, uint32_t code, boo
       payload.push_back(static_cast<uint8_t>(code));
     }
     payload.insert(payload.end(), frames[k].begin(), frames[k].end());
-    if (QueryCommand(payload, reply, cmd, false) != 0) {
+    // Within one transfer the lidar speaks only when asked and every reply so far was read
+    // whole, so nothing stale can wait before piece k > 1: its drain (a system call per
+    // piece, a quarter of the time per piece on a virtual machine) is left out. The first
+    // piece drains as every exchange does; a failed one ends the transfer.
+    if (Exchange(payload, reply, cmd, false, false, k > 0) != 0) {
       restore();
       return -1;
     }

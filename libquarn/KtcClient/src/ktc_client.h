@@ -52,6 +52,12 @@ class KtcClient {
 
   // Sends a file as 1024-byte pieces, one exchange each; `progress` is the piece being sent.
   int TransferFile(const std::vector<uint8_t>& data, uint32_t code, bool extended, std::atomic<uint32_t>& progress);
+  // Receive and send time-out of each piece's exchange (60000 ms). Tests shorten it to see
+  // a silent sensor end a transfer without waiting a minute.
+  void SetTransferTimeoutMs(uint32_t ms) { transfer_timeout_ms_.store(ms); }
+  // Every file transfer on this client, the running one and any later, ends with -1
+  // before its next piece. For an owner that is going away.
+  void CancelTransfers() { transfers_cancelled_.store(true); }
   // Hexadecimal command text; extended unless exactly 4 characters. Throws
   // std::invalid_argument / std::out_of_range for a text that is no number. Empties cmd_text.
   int TransferFileByCmdText(const std::vector<uint8_t>& data, std::string& cmd_text, std::atomic<uint32_t>& progress);
@@ -60,8 +66,9 @@ class KtcClient {
                        std::vector<uint8_t>& out);
 
   int GetLastReturnCode() const { return last_return_code_.load(); }
-  // Receives the "SEND: " and "RECV: " lines.
-  void SetLogCallback(std::function<void(const std::string&)> callback);
+  // Receives the "SEND: " and "RECV: " lines. `wanted`, when given, is asked before each
+  // line is built: hexadecimal text of every piece of a file costs more than sending it.
+  void SetLogCallback(std::function<void(const std::string&)> callback, std::function<bool()> wanted = {});
   void SetSerialFastBaudRate(uint32_t baud) { serial_fast_baud_rate_.store(baud); }
   uint32_t GetSerialFastBaudRate() const { return serial_fast_baud_rate_.load(); }
   uint32_t GetSerialDefaultBaudRate() const { return serial_default_baud_rate_; }
@@ -75,13 +82,16 @@ class KtcClient {
 
  private:
   void TryOpen();
+  // `train`: a piece of a file transfer after a clean exchange of the same transfer; the
+  // untimed drain is left out (see TransferFile).
   int Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd, bool with_header,
-               bool download);
+               bool download, bool train = false);
   std::shared_ptr<ClientBase> Transport() const;
   void DrainStaleInput(ClientBase& transport);
   // Runs under the command lock.
   void ApplyTimeouts(ClientBase& transport, uint32_t receive_ms, uint32_t send_ms);
-  void EmitLog(const std::string& line);
+  // Builds the line with `make` only when someone takes it.
+  void EmitLog(const std::function<std::string()>& make);
 
   std::atomic<uint32_t> serial_fast_baud_rate_{3125000};
   const uint32_t serial_default_baud_rate_ = 115200;
@@ -110,9 +120,12 @@ class KtcClient {
   const float connect_timeout_s_;
   std::mutex callback_mutex_;
   std::function<void(const std::string&)> log_callback_;
+  std::function<bool()> log_wanted_;
 
   std::mutex stop_mutex_;
   std::atomic<bool> literal_drain_{false};
+  std::atomic<uint32_t> transfer_timeout_ms_{60000};
+  std::atomic<bool> transfers_cancelled_{false};
   // Set when an exchange failed or was abandoned: the next one waits for late bytes.
   // Guarded by command_mutex_.
   bool timed_drain_due_ = false;

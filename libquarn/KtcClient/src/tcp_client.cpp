@@ -168,12 +168,8 @@ int TcpClient::Receive(uint8_t* buffer, uint32_t length, int flags) {
   const size_t want = length > INT_MAX ? static_cast<size_t>(INT_MAX) : length;
   int result;
   if (flags == kReceiveNonBlocking) {
-    if (!net::SetNonBlocking(socket_, true)) {
-      LOG_ERROR("Failed to set non-blocking mode");
-      return -1;
-    }
-    result = static_cast<int>(::recv(socket_, buffer, want, 0));
-    if (!net::SetNonBlocking(socket_, false)) LOG_ERROR("Failed to restore original socket mode");
+    // One call, not a mode switch round a receive: the drain before every exchange uses it.
+    result = net::ReceiveNoWait(socket_, buffer, want);
   } else {
     result = static_cast<int>(::recv(socket_, buffer, want, flags));
     if (result == 0) {

@@ -296,10 +296,15 @@ TEST_F(ManagerConsole, SerialLinesConsole) {
   m_->setProperty("serial_port_232", QString::fromStdString(sim_->command_port_path()));
   ASSERT_TRUE(m_->ConnectLidar());
   ASSERT_TRUE(log_->Wait([&] { return m_->getIsConnected() && !m_->GetIsConnectingLidar(); }));
+  // The information thread's first round is over; its next query is seconds away.
+  ASSERT_TRUE(log_->Wait([&] {
+    return m_->getZeltoLidarVersionInfo().size() == 4 && m_->getZeltoLidarInfo()[3].toString() == "Normal";
+  }));
+  const uint64_t before = sim_->SerialCommandCount(2);
 
   // Header: the reply body's length byte and echoed command; payload: the rest.
   Send("0x02", "0A 0x01");
-  EXPECT_EQ(sim_->SerialCommandCount(2), 1u);
+  EXPECT_EQ(sim_->SerialCommandCount(2), before + 1);
   EXPECT_EQ(sim_->LastSerialPayload(2), (Bytes{0x0A, 0x01}));
   EXPECT_EQ(Header(), "12 02");
   EXPECT_EQ(Payload(), "0A 01 41 42 31 32 " + Zeros(12));

@@ -56,7 +56,7 @@ TEST_F(ManagerObject, MetaObjectKeepsSignalAndInvokableOrder) {
   EXPECT_EQ(MethodNames(QMetaMethod::Method),
             "InitConfigFileParser InitConfigFileParser ConnectLidar CheckLidarConnection Run Stop SetText ClearSetMap "
             "getSetMapSize StartGetConfigFile SendCommand getSendKtcCommandReturnHeader getSendKtcCommandReturnPayload "
-            "Restart Reset DownloadOperationLog DownloadOperationLogThread DownloadLog "
+            "Restart Reset UpgradeLidar DownloadOperationLog DownloadOperationLogThread DownloadLog "
             "GetLidarModuleInfo UpdateSingleVarInfo UpdateSingleVarInfo "
             "CheckVarIsWithinRange CheckVarIsWithinRange CheckModuleVarsWithinRange SetMultiFovConfig UpdateUI "
             "setErrorMsg setSuccessMsg "

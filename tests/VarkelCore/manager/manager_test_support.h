@@ -38,7 +38,9 @@ class TestManager : public VarkelManager {
   TestManager() : VarkelManager(true, "./Config/varID/Testa.csv") {}
   using VarkelManager::GetInfoFromLidarWithSameCmd;
   using VarkelManager::Init;
+  using VarkelManager::KtcClientHandle;
   using VarkelManager::searchVarPtr;
+  using VarkelManager::SetRebootWait;
   using VarkelManager::SetUpgrading;
   using VarkelManager::updateSingleVarFromOutput;
 };

@@ -3,11 +3,14 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDropEvent>
 #include <QFile>
+#include <QMimeData>
 #include <QQmlComponent>
 #include <QQmlContext>
 #include <QQmlEngine>
 #include <QQuickItem>
+#include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QtQuickTest>
 
@@ -59,6 +62,24 @@ class Harness : public QObject {
     // deliver them (and the deferred deletions they cause) while their targets are known.
     QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+  }
+
+  // Drags `urls` from outside the window onto the middle of `target` and drops them there,
+  // through the window's own event handling as a drop from a file manager would arrive.
+  Q_INVOKABLE void dropUrls(QQuickItem* target, const QStringList& urls) {
+    QQuickWindow* window = target != nullptr ? target->window() : nullptr;
+    if (window == nullptr) return;
+    QMimeData data;
+    QList<QUrl> list;
+    for (const QString& u : urls) list << QUrl(u);
+    data.setUrls(list);
+    const QPoint at = target->mapToScene(QPointF(target->width() / 2, target->height() / 2)).toPoint();
+    QDragEnterEvent enter(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &enter);
+    QDragMoveEvent move(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &move);
+    QDropEvent drop(at, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(window, &drop);
   }
 
   Q_INVOKABLE QString simValue(const QString& name) const {

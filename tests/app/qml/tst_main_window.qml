@@ -387,5 +387,34 @@ Item {
             verify(harness.holdsLog(folder, files[0], "Fault Log"), "the file is not the lidar's log");
             closeNotices();
         }
+
+        // The upgrade area of the model page that has one, its page shown.
+        function upgradeArea() {
+            var page = vm.level2List.findIndex(entries => entries.some(e => Number(e[1]) === 4));
+            verify(page >= 0, "the model has no upgrade row");
+            child("pageTabs").currentIndex = page;
+            var area = findChild(ui, "upgradeArea");
+            verify(area !== null, "no upgrade area");
+            tryVerify(() => area.visible && area.width > 0, 2000);
+            return area;
+        }
+
+        function test_upgrade_area_refuses_dropped_files() {
+            var area = upgradeArea();
+            compare(findChild(area, "upgradePercent").text, "0.00%");
+            var err = child("errorInfoWindow");
+            harness.dropUrls(findChild(area, "upgradeDropArea"), ["file:///tmp/firmware.bin"]);
+            tryVerify(() => err.visible, 2000, "a .bin file was not refused");
+            compare(err.message, "Upgrade package rejected: it has to be a .patch file");
+            verify(!vm.IsUpgrading);
+            err.close();
+            // A .patch file while not connected reaches the controller, which refuses it.
+            harness.dropUrls(findChild(area, "upgradeDropArea"), ["file:///tmp/FIRMWARE.PATCH"]);
+            tryVerify(() => err.visible, 2000, "the controller's refusal was not shown");
+            verify(err.message.indexOf("Upgrade not started") === 0, err.message);
+            verify(!vm.IsUpgrading);
+            // The page with the upgrade area has no Cancel/Save row.
+            compare(findChild(ui, "saveButton_" + child("pageTabs").currentIndex).visible, false);
+        }
     }
 }

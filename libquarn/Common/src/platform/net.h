@@ -3,6 +3,7 @@
 // instead of the system headers' socket control functions, so a Windows build only
 // replaces net_posix.cpp (start-up/clean-up become WSAStartup/WSACleanup there).
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -19,6 +20,9 @@ int StartupBalance();
 
 int CloseSocket(socket_t s);
 bool SetNonBlocking(socket_t s, bool non_blocking);
+// One receive that returns at once (-1 with a would-block error when nothing is there),
+// whatever the socket's mode; leaves the mode alone.
+int ReceiveNoWait(socket_t s, uint8_t* buffer, size_t length);
 bool SetReceiveTimeoutMs(socket_t s, uint32_t ms);
 bool SetSendTimeoutMs(socket_t s, uint32_t ms);
 

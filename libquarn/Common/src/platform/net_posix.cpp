@@ -53,6 +53,10 @@ bool SetNonBlocking(socket_t s, bool non_blocking) {
   return fcntl(s, F_SETFL, wanted) == 0;
 }
 
+int ReceiveNoWait(socket_t s, uint8_t* buffer, size_t length) {
+  return static_cast<int>(::recv(s, buffer, length, MSG_DONTWAIT));
+}
+
 bool SetReceiveTimeoutMs(socket_t s, uint32_t ms) {
   return SetTimeout(s, SO_RCVTIMEO, ms);
 }

@@ -1,0 +1,177 @@
+// The generic network upgrade against the virtual lidar: what arrives, progress, the
+// messages, the restart after the pause, and every way it can end.
+#include <QCryptographicHash>
+#include <QFile>
+#include <QUrl>
+
+#include <chrono>
+#include <thread>
+
+#include "ktc_client.h"
+#include "manager_test_support.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using varkel::sim::FailureMode;
+
+const char kFailed[] = "Upgrade package transfer failed or is terminated.";
+const char kTransmitted[] =
+    "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 seconds.";
+
+class ManagerUpgrade : public vktest::ManagerTest {
+ protected:
+  // The test table with an upgrade row (set 0x50) on page 2 and the "Firmware Version" it changes.
+  void SetUp() override {
+    ManagerTest::SetUp();
+    Load("Testa", vktest::TestaTable() +
+                      "8,1,0x08,,,Firmware Version,0,SWVER_YMD,1.0.0 (2026-01-01),,,,,2_1_6_0,16,0,,\n"
+                      "8,2,,0x50,0,Firmware Upgrade,1,raw,,,,,,2_1_7_4,0,0,,\n");
+    m_->SetRebootWait(std::chrono::milliseconds(300));
+    // The upgrade row's place, as the page lists it.
+    for (const QVariant& page : m_->getLevel2List())
+      for (const QVariant& entry : page.toList())
+        if (entry.toList()[1].toInt() == 4) place_ = entry.toList();
+    ASSERT_EQ(place_.size(), 5);
+  }
+
+  // An image of `size` bytes announcing `version` in its first line.
+  QUrl WriteImage(int size, const std::string& version = "3.1.4 (2027-02-03)") {
+    image_ = QByteArray::fromStdString("VERSION=" + version + "\n");
+    for (int i = image_.size(); i < size; ++i) image_.append(static_cast<char>((i * 131) >> 3));
+    image_.truncate(size);
+    const QString path = QString::fromStdString(root_ + "/fw.patch");
+    QFile f(path);
+    EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(image_);
+    return QUrl::fromLocalFile(path);
+  }
+
+  int Upgrade(const QUrl& url) {
+    return m_->UpgradeLidar(url, place_[2].toInt(), place_[3].toInt(), place_[4].toInt());
+  }
+
+  bool WaitForEnd() {
+    return log_->Wait([&] { return !m_->getIsUpgrading(); }, std::chrono::seconds(15));
+  }
+
+  QVariantList place_;
+  QByteArray image_;
+};
+
+TEST_F(ManagerUpgrade, ImageArrivesWholeThenTheLidarRestartsAfterThePause) {
+  ASSERT_TRUE(Connect());
+  const QUrl url = WriteImage(5000);
+  ASSERT_EQ(Upgrade(url), 0);
+  EXPECT_TRUE(m_->getIsUpgrading());
+  EXPECT_EQ(m_->getUpgradeProgressTotalLen(), 4);  // whole blocks of the file
+
+  ASSERT_TRUE(log_->WaitFor("successMessageChanged"));
+  const auto success_seen = Clock::now();
+  EXPECT_FALSE(m_->getIsUpgrading());
+  EXPECT_EQ(m_->getSuccessMessage().toStdString(), kTransmitted);
+  // Five pieces went out, the last one partial: the bar is full.
+  EXPECT_EQ(m_->getUpgradeProgress(), 5);
+  ASSERT_TRUE(sim_->LastTransfer().has_value());
+  EXPECT_TRUE(sim_->LastTransfer()->ok);
+  EXPECT_EQ(sim_->LastTransfer()->length, 5000u);
+  EXPECT_EQ(sim_->LastTransfer()->sha256_hex,
+            QCryptographicHash::hash(image_, QCryptographicHash::Sha256).toHex().toStdString());
+  EXPECT_EQ(sim_->CommandCount(0x50), 5u);
+  EXPECT_EQ(sim_->RestartCount(), 0u);
+
+  ASSERT_TRUE(log_->WaitFor("INFO: Lidar disconnected"));
+  EXPECT_GE(Clock::now() - success_seen, std::chrono::milliseconds(150));
+  EXPECT_EQ(sim_->RestartCount(), 1u);
+  EXPECT_EQ(sim_->Value("Firmware Version"), "3.1.4 (2027-02-03)");
+  EXPECT_FALSE(m_->getIsConnected());
+  EXPECT_FALSE(log_->Has("errorMessageChanged"));
+}
+
+TEST_F(ManagerUpgrade, EveryFailingTransferEndsWithTheMessageAndTheFlagDown) {
+  struct Case {
+    FailureMode mode;
+    int param;
+    int failing_piece;
+  };
+  for (const Case c : {Case{FailureMode::kRefusePiece, 2, 2}, Case{FailureMode::kSilentAfterPieces, 1, 2},
+                       Case{FailureMode::kDisconnectAfterPieces, 1, 2}}) {
+    SCOPED_TRACE(varkel::sim::FailureModeName(c.mode));
+    if (!m_->getIsConnected()) ASSERT_TRUE(Connect());
+    log_->Clear();
+    sim_->ResetCounters();
+    sim_->SetFailure(c.mode, 0x50, c.param);
+    // A silent lidar is given up after the piece time-out (a minute in the product).
+    m_->KtcClientHandle()->SetTransferTimeoutMs(800);
+    const auto start = Clock::now();
+    ASSERT_EQ(Upgrade(WriteImage(4096)), 0);
+    ASSERT_TRUE(log_->WaitFor("errorMessageChanged"));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+    EXPECT_FALSE(m_->getIsUpgrading());
+    EXPECT_EQ(Error(), kFailed);
+    EXPECT_TRUE(log_->Has(std::string("INFO: ") + kFailed));
+    EXPECT_FALSE(log_->Has("successMessageChanged"));
+    EXPECT_EQ(m_->getUpgradeProgress(), c.failing_piece);
+    EXPECT_FALSE(sim_->LastTransfer()->ok);
+    // No restart after a failure, and a later upgrade may start.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ(sim_->RestartCount(), 0u);
+    sim_->ClearFailures();
+    EXPECT_EQ(sim_->UpgradesReceived(), 0u);
+  }
+}
+
+TEST_F(ManagerUpgrade, RefusalsStartNothing) {
+  const QUrl url = WriteImage(2048);
+  EXPECT_EQ(Upgrade(url), -1);  // not connected
+  ASSERT_TRUE(Connect());
+
+  m_->SetUpgrading(true);
+  EXPECT_EQ(Upgrade(url), -1);
+  m_->SetUpgrading(false);
+  m_->setIsDownloadLog(true);
+  EXPECT_EQ(Upgrade(url), -1);
+  m_->setIsDownloadLog(false);
+
+  // A file that does not open, or a place with no variable: accepted, but nothing starts.
+  EXPECT_EQ(Upgrade(QUrl::fromLocalFile(QString::fromStdString(root_ + "/missing.patch"))), 0);
+  EXPECT_EQ(m_->UpgradeLidar(url, 1, 0, 99), 0);
+  EXPECT_EQ(m_->UpgradeLidar(url, -1, 0, 0), 0);
+  EXPECT_FALSE(m_->getIsUpgrading());
+  log_->Flush();
+  EXPECT_EQ(sim_->CommandCount(0x50), 0u);
+
+  // While one upgrade runs a second one is refused.
+  ASSERT_EQ(Upgrade(url), 0);
+  EXPECT_EQ(Upgrade(url), -1);
+  ASSERT_TRUE(log_->WaitFor("successMessageChanged"));
+  EXPECT_EQ(sim_->CommandCount(0x50), 2u);
+}
+
+TEST_F(ManagerUpgrade, ClosingDuringTheRebootPauseDoesNotWaitItOut) {
+  m_->SetRebootWait(std::chrono::seconds(10));
+  ASSERT_TRUE(Connect());
+  ASSERT_EQ(Upgrade(WriteImage(1500)), 0);
+  ASSERT_TRUE(log_->WaitFor("successMessageChanged"));
+  const auto start = Clock::now();
+  log_.reset();
+  m_.reset();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(sim_->RestartCount(), 0u);
+}
+
+TEST_F(ManagerUpgrade, ClosingDuringTheTransferStopsItAtTheNextPiece) {
+  ASSERT_TRUE(Connect());
+  sim_->SetFailure(FailureMode::kDelay, 0x50, 40);  // 100 pieces: four seconds
+  ASSERT_EQ(Upgrade(WriteImage(100 * 1024)), 0);
+  ASSERT_TRUE(log_->Wait([&] { return m_->getUpgradeProgress() >= 3; }));
+  const auto start = Clock::now();
+  log_.reset();
+  m_.reset();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
+  EXPECT_LT(sim_->CommandCount(0x50), 50u);
+  EXPECT_EQ(sim_->UpgradesReceived(), 0u);
+  EXPECT_EQ(sim_->RestartCount(), 0u);
+}
+
+}  // namespace
