@@ -63,7 +63,8 @@ Item {
         sourceComponent: FileDialog {
             title: "Folder for the calibration file"
             selectFolder: true
-            onAccepted: page.manager.ZeltoGetCorrection(String(folder) + "/" + page.selectedModel + "_correction.bin")
+            // fileUrl is the chosen folder; folder is only where the dialog was browsing.
+            onAccepted: page.manager.ZeltoGetCorrection(String(fileUrl) + "/" + page.selectedModel + "_correction.bin")
         }
         onLoaded: item.open()
     }
