@@ -20,90 +20,20 @@
 #include <thread>
 #include <vector>
 
+#include "common/loopback_peer.h"
 #include "ktc_client.h"
 
 using namespace quarn::lidar;
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<uint8_t>;
+using bench::KtcAnswerPeer;
+using bench::ReadAll;
+using bench::WriteAll;
 
 namespace {
 
 constexpr size_t kQueryPayload = 4;
 constexpr size_t kReplyPayload = 16;
-
-bool ReadAll(int fd, uint8_t* buf, size_t n) {
-  size_t got = 0;
-  while (got < n) {
-    const ssize_t r = ::recv(fd, buf + got, n - got, 0);
-    if (r <= 0) return false;
-    got += static_cast<size_t>(r);
-  }
-  return true;
-}
-
-bool WriteAll(int fd, const uint8_t* buf, size_t n) {
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t r = ::send(fd, buf + done, n - done, MSG_NOSIGNAL);
-    if (r <= 0) return false;
-    done += static_cast<size_t>(r);
-  }
-  return true;
-}
-
-// Version-1 peer: each request frame is answered at once with `reply_payload` bytes.
-class ImmediatePeer {
- public:
-  explicit ImmediatePeer(size_t reply_payload) : reply_payload_(reply_payload) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    ::listen(listener_, 4);
-    socklen_t len = sizeof(addr);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-    thread_ = std::thread([this] { Serve(); });
-  }
-  ~ImmediatePeer() {
-    ::shutdown(listener_, SHUT_RDWR);
-    const int conn = conn_.load();
-    if (conn >= 0) ::shutdown(conn, SHUT_RDWR);
-    thread_.join();
-    ::close(listener_);
-  }
-  uint16_t port() const { return port_; }
-
- private:
-  void Serve() {
-    const int fd = ::accept(listener_, nullptr, nullptr);
-    if (fd < 0) return;
-    conn_.store(fd);
-    Bytes in(70000);
-    Bytes reply(8 + reply_payload_, 0x5A);
-    reply[0] = 0x47;
-    reply[1] = 0x74;
-    reply[3] = 0;
-    reply[4] = static_cast<uint8_t>(reply_payload_ >> 24);
-    reply[5] = static_cast<uint8_t>(reply_payload_ >> 16);
-    reply[6] = static_cast<uint8_t>(reply_payload_ >> 8);
-    reply[7] = static_cast<uint8_t>(reply_payload_);
-    while (ReadAll(fd, in.data(), 8)) {
-      const uint32_t len = (uint32_t(in[4]) << 24) | (uint32_t(in[5]) << 16) | (uint32_t(in[6]) << 8) | in[7];
-      reply[2] = in[2];
-      if (len > in.size() || !ReadAll(fd, in.data(), len)) break;
-      if (!WriteAll(fd, reply.data(), reply.size())) break;
-    }
-    ::close(fd);
-  }
-
-  size_t reply_payload_;
-  int listener_ = -1;
-  uint16_t port_ = 0;
-  std::atomic<int> conn_{-1};
-  std::thread thread_;
-};
 
 struct Stats {
   double median_us = 0;
@@ -132,7 +62,7 @@ std::unique_ptr<KtcClient> Connect(uint16_t port) {
 }
 
 Stats QueryRoundTrips(bool literal, int count) {
-  ImmediatePeer peer(kReplyPayload);
+  KtcAnswerPeer peer(kReplyPayload);
   auto client = Connect(peer.port());
   client->SetLiteralDrain(literal);
   const Bytes payload(kQueryPayload, 0x01);
@@ -162,7 +92,7 @@ int ConnectLoopback(uint16_t port) {
 }
 
 Stats RawRoundTrips(int count) {
-  ImmediatePeer peer(kReplyPayload);
+  KtcAnswerPeer peer(kReplyPayload);
   const int fd = ConnectLoopback(peer.port());
   Bytes request = {0x47, 0x74, 0x07, 0, 0, 0, 0, kQueryPayload, 1, 1, 1, 1};
   Bytes reply(8 + kReplyPayload);
@@ -187,7 +117,7 @@ Bytes Image(size_t bytes) {
 }
 
 double TransferMBps(bool literal, size_t bytes) {
-  ImmediatePeer peer(0);
+  KtcAnswerPeer peer(0);
   auto client = Connect(peer.port());
   client->SetLiteralDrain(literal);
   const Bytes image = Image(bytes);
@@ -203,7 +133,7 @@ double TransferMBps(bool literal, size_t bytes) {
 
 // The same frames as TransferFile sends, written and acknowledged on a bare socket.
 double RawTransferMBps(size_t bytes) {
-  ImmediatePeer peer(0);
+  KtcAnswerPeer peer(0);
   const int fd = ConnectLoopback(peer.port());
   Ktc_1_0_parser parser;
   std::vector<Bytes> pieces;

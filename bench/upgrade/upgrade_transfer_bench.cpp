@@ -23,82 +23,18 @@
 #include <thread>
 #include <vector>
 
+#include "common/loopback_peer.h"
 #include "ktc_client.h"
 #include "logger.h"
 
 using namespace quarn::lidar;
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<uint8_t>;
+using bench::KtcAnswerPeer;
+using bench::ReadAll;
+using bench::WriteAll;
 
 namespace {
-
-bool ReadAll(int fd, uint8_t* buf, size_t n) {
-  size_t got = 0;
-  while (got < n) {
-    const ssize_t r = ::recv(fd, buf + got, n - got, 0);
-    if (r <= 0) return false;
-    got += static_cast<size_t>(r);
-  }
-  return true;
-}
-
-bool WriteAll(int fd, const uint8_t* buf, size_t n) {
-  size_t done = 0;
-  while (done < n) {
-    const ssize_t r = ::send(fd, buf + done, n - done, MSG_NOSIGNAL);
-    if (r <= 0) return false;
-    done += static_cast<size_t>(r);
-  }
-  return true;
-}
-
-// Version-1 peer: every request frame is acknowledged at once with an empty reply.
-class AckPeer {
- public:
-  AckPeer() {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    ::listen(listener_, 4);
-    socklen_t len = sizeof(addr);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-    thread_ = std::thread([this] { Serve(); });
-  }
-  ~AckPeer() {
-    ::shutdown(listener_, SHUT_RDWR);
-    const int conn = conn_.load();
-    if (conn >= 0) ::shutdown(conn, SHUT_RDWR);
-    thread_.join();
-    ::close(listener_);
-  }
-  uint16_t port() const { return port_; }
-
- private:
-  void Serve() {
-    const int fd = ::accept(listener_, nullptr, nullptr);
-    if (fd < 0) return;
-    conn_.store(fd);
-    const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    Bytes in(70000);
-    uint8_t ack[8] = {0x47, 0x74, 0, 0, 0, 0, 0, 0};
-    while (ReadAll(fd, in.data(), 8)) {
-      const uint32_t len = (uint32_t(in[4]) << 24) | (uint32_t(in[5]) << 16) | (uint32_t(in[6]) << 8) | in[7];
-      ack[2] = in[2];
-      if (len > in.size() || !ReadAll(fd, in.data(), len)) break;
-      if (!WriteAll(fd, ack, sizeof(ack))) break;
-    }
-    ::close(fd);
-  }
-
-  int listener_ = -1;
-  uint16_t port_ = 0;
-  std::atomic<int> conn_{-1};
-  std::thread thread_;
-};
 
 Bytes Image(size_t bytes) {
   Bytes image(bytes);
@@ -113,7 +49,7 @@ Bytes Image(size_t bytes) {
 constexpr uint8_t kCmd = 0x50;
 
 double ClientMiBps(const Bytes& image) {
-  AckPeer peer;
+  KtcAnswerPeer peer(0, true);
   auto client = std::make_unique<KtcClient>("127.0.0.1", peer.port(), false, KtcClient::kClientTcp, 1, "", "", "", 4000,
                                             4000, 10.0f);
   const auto deadline = Clock::now() + std::chrono::seconds(10);
@@ -143,7 +79,7 @@ std::vector<Bytes> Requests(const Bytes& image) {
 }
 
 double FloorMiBps(const std::vector<Bytes>& requests, size_t bytes) {
-  AckPeer peer;
+  KtcAnswerPeer peer(0, true);
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
