@@ -145,7 +145,8 @@ int VarkelManager::ZeltoUpgradeLidar(QUrl fileUrl) {
   QThread::msleep(kSettleMs);
   std::vector<uint8_t> data(bytes.begin(), bytes.end());
   const int mode = upgrade_mode_.load();
-  StartWorker([this, data = std::move(data), type, mode]() mutable { ZeltoUpgradeWorker(std::move(data), type, mode); });
+  StartWorker(
+      [this, data = std::move(data), type, mode]() mutable { ZeltoUpgradeWorker(std::move(data), type, mode); });
   return 0;
 }
 

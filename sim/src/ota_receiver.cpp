@@ -57,8 +57,7 @@ uint8_t OtaReceiver::OnFrame(uint8_t type, uint32_t value1, uint32_t value2, con
     }
     case kEnd: {
       if (!open_ || next_ != pieces_ + 1) return Fail(kNotExpected);
-      if (!data.empty() || value1 != data_.size() || value2 != quarn::lidar::Crc32Mpeg2(data_))
-        return Fail(kBadData);
+      if (!data.empty() || value1 != data_.size() || value2 != quarn::lidar::Crc32Mpeg2(data_)) return Fail(kBadData);
       current_.length = static_cast<uint32_t>(data_.size());
       current_.sha256_hex = Sha256Hex(data_);
       current_.ok = true;

@@ -36,8 +36,7 @@ class OtaReceiver {
   static constexpr uint32_t kMaxImage = 64u << 20;
 
   // One frame. `upgrade_mode`: the sensor is in work mode 4, where components are taken.
-  uint8_t OnFrame(uint8_t type, uint32_t value1, uint32_t value2, const std::vector<uint8_t>& data,
-                  bool upgrade_mode);
+  uint8_t OnFrame(uint8_t type, uint32_t value1, uint32_t value2, const std::vector<uint8_t>& data, bool upgrade_mode);
   // Ends the open image as failed (a refused piece, a dropped line).
   void Abandon();
 

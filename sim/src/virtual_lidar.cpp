@@ -19,13 +19,13 @@
 #include "firmware_image.h"
 #include "ktc_wire.h"
 #include "model_table.h"
+#include "ota_receiver.h"
 #include "platform/net.h"
 #include "point_cloud.h"
 #include "pty_pair.h"
 #include "register_bank.h"
 #include "reply_path.h"
 #include "return_codes.h"
-#include "ota_receiver.h"
 #include "serial_wire.h"
 #include "udp_emitter.h"
 
@@ -46,9 +46,8 @@ constexpr uint8_t kSetDestinationCmd = 0x20;
 // A whole "$LDOTA," frame carried by KTC, and the junction box's file command.
 constexpr uint8_t kOtaCmd = 0x84;
 constexpr uint8_t kJunctionBoxCmd = 0x83;
-constexpr uint32_t kBaudRates[] = {9600,    19200,   38400,   57600,   115200,  230400,  460800,
-                                   921600,  1000000, 1500000, 2000000, 3000000, 3125000, 4000000,
-                                   5000000};
+constexpr uint32_t kBaudRates[] = {9600,    19200,   38400,   57600,   115200,  230400,  460800, 921600,
+                                   1000000, 1500000, 2000000, 3000000, 3125000, 4000000, 5000000};
 
 // A KTC client reading a log of tens of MiB slowly is still reading; one that takes
 // nothing for this long is gone. A serial line nobody reads gives up much sooner, so the
@@ -704,7 +703,8 @@ VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const CommandKey& key, co
     }
     result = files_.OnPiece(piece.data(), piece.size());
     transfer_owner_ = files_.pieces_in_progress() > 0 ? conn : nullptr;
-    if (result == FileReceiver::Result::kCompleted && SmallSensorOverKtc() && key == CommandKey{false, kJunctionBoxCmd}) {
+    if (result == FileReceiver::Result::kCompleted && SmallSensorOverKtc() &&
+        key == CommandKey{false, kJunctionBoxCmd}) {
       ++junction_box_upgrades_;
       path_->Note("junction box image received: " + std::to_string(files_.last()->length) + " bytes, SHA-256 " +
                   files_.last()->sha256_hex);
@@ -1001,8 +1001,8 @@ std::optional<uint8_t> VirtualLidar::AnswerOta(uint8_t type, uint32_t value1, ui
     drop_line = f.mode == FailureMode::kDisconnectAfterPieces && value1 >= limit;
   }
   OtaOutcome out = small_.Ota(type, value1, value2, data);
-  if (out.status != OtaReceiver::kTaken) path_->Note("OTA frame type " + std::to_string(type) + " answered with status " +
-                                                     std::to_string(out.status));
+  if (out.status != OtaReceiver::kTaken)
+    path_->Note("OTA frame type " + std::to_string(type) + " answered with status " + std::to_string(out.status));
   RecordOta(out.finished, out.note);
   return out.status;
 }
