@@ -482,6 +482,7 @@ Rectangle {
                 visible: root.connectType !== 0
                 manager: varkel_manager
                 selectedModel: root.selectedModel
+                onLogRequested: root.printLog(message, type)
                 onOpenLogRequested: {
                     logWindow.show();
                     logWindow.raise();

@@ -21,6 +21,8 @@ Item {
     // Called with the file URL; returns the controller's answer (0 started, -1 refused).
     property var startUpgrade: function (url) { return -1; }
     property bool allowed: true
+    // false: the bar, the rate and the note show only while an upgrade runs.
+    property bool progressAlwaysShown: true
 
     signal rejected(string message)
 
@@ -180,8 +182,10 @@ Item {
         }
 
         RowLayout {
+            objectName: "upgradeProgressRow"
             Layout.fillWidth: true
             spacing: 12
+            visible: area.progressAlwaysShown || area.upgrading
             ProgressBar {
                 id: bar
                 objectName: "upgradeProgressBar"
@@ -218,14 +222,16 @@ Item {
         Text {
             objectName: "upgradeRate"
             text: [area.rateText(), area.remainingText()].filter(function (t) { return t !== ""; }).join("  ·  ")
-            visible: text !== ""
+            visible: text !== "" && (area.progressAlwaysShown || area.upgrading)
             font.family: Theme.fontFamily
             font.pixelSize: Theme.fontSizeSmall
             color: Theme.textDim
         }
 
         Text {
+            objectName: "upgradeNote"
             text: area.note
+            visible: area.progressAlwaysShown || area.upgrading
             wrapMode: Text.WordWrap
             Layout.fillWidth: true
             font.family: Theme.fontFamily

@@ -12,6 +12,8 @@ Item {
     property var manager: null
     property string selectedModel: ""
     signal openLogRequested()
+    // A line for the log pane (the main window's printLog).
+    signal logRequested(string message, string type)
 
     readonly property bool networkModel: selectedModel === "Zelto-KTC" || selectedModel === "Marvo-KTC"
     readonly property bool marvo: selectedModel === "Marvo-KTC"
@@ -19,6 +21,20 @@ Item {
     readonly property var infoLabels: ["IP Address", "Serial Number", "Baud Rate", "Fault State"]
     readonly property int columnWidth: Math.max(620, Math.round(width * 0.6))
     readonly property int labelWidth: 190
+    // The upgrade choices: the Marvo's own lidar image, or its junction box; the Zelto's
+    // application with FPGA, or the bootloader.
+    readonly property var upgradeModes: marvo ? ["Lidar", "Junction Box"] : ["APP+FPGA", "PBL"]
+
+    // The controller's mode for an entry of the combo: "Junction Box" is mode 2.
+    function upgradeModeValue(index) {
+        return marvo && index === 1 ? 2 : index;
+    }
+
+    // Where a package goes: the Marvo's component package, or the Zelto transfer.
+    function startUpgrade(url) {
+        if (marvo && upgradeMode.currentIndex === 0) return manager.MarvoUpgradeLidar(url);
+        return manager.ZeltoUpgradeLidar(url);
+    }
 
     // What the destination fields show for a read's result.
     function destinationTexts(result) {
@@ -282,12 +298,42 @@ Item {
                     }
                 }
             }
-            // The firmware upgrade control of the small sensors goes here.
+            Row_ {
+                objectName: "rowUpgradeMode"
+                RowLabel { text: "Upgrade Mode" }
+                DefaultComboBox {
+                    id: upgradeMode
+                    objectName: "upgradeModeCombo"
+                    Layout.preferredWidth: 180
+                    model: page.upgradeModes
+                    enabled: !(page.manager && page.manager.IsUpgrading)
+                    onActivated: page.manager.ZeltoSetUpgradeMode(page.upgradeModeValue(index))
+                    // A new model starts at its first entry, and the controller hears it.
+                    onModelChanged: {
+                        currentIndex = 0;
+                        if (page.manager) page.manager.ZeltoSetUpgradeMode(0);
+                    }
+                }
+                Item { Layout.fillWidth: true }
+            }
             Item {
                 id: upgradeControlSlot
                 objectName: "upgradeControlSlot"
                 width: body.width
                 height: childrenRect.height
+                UpgradeArea {
+                    objectName: "zeltoUpgradeArea"
+                    width: parent.width
+                    manager: page.manager
+                    title: "Upgrade Package"
+                    acceptedSuffixes: [".bin", ".patch"]
+                    rejectText: "Rejected, need a *.bin or *.patch file"
+                    progressAlwaysShown: false
+                    startUpgrade: function (url) { return page.startUpgrade(url); }
+                    // The refusal of a file goes to the log pane; the controller's own
+                    // refusals arrive as its error notice.
+                    onRejected: if (message === rejectText) page.logRequested(message, "INFO")
+                }
             }
 
             // 4. Log

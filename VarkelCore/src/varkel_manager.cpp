@@ -43,6 +43,10 @@ VarkelManager::~VarkelManager() {
   closing_.store(true);
   // A running upgrade stops at its next piece instead of holding the close up.
   if (auto client = KtcClientHandle()) client->CancelTransfers();
+  {
+    std::lock_guard<std::mutex> lock(clients_mutex_);
+    if (upgrade_link_) upgrade_link_->Cancel();
+  }
   { std::lock_guard<std::mutex> lock(closing_mutex_); }
   closing_cv_.notify_all();
   JoinWorkers();

@@ -151,6 +151,13 @@ class VarkelManager : public QObject {
   // running, no table); 0 otherwise, also when the file or the command cannot be used
   // (nothing starts then). The outcome arrives as IsUpgrading falling and a message.
   Q_INVOKABLE int UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3);
+  // Small sensors (docs/upgrade.md): the file with the upgrade mode last set, over the
+  // serial OTA frames (connection types 1, 2) or the KTC file transfer (junction box).
+  // -1 refused, with a message; 0 otherwise (nothing starts when the file will not open).
+  Q_INVOKABLE int ZeltoUpgradeLidar(QUrl fileUrl);
+  // The Marvo's component package over connection type 2: 0 started, -1 refused (with a
+  // message).
+  Q_INVOKABLE int MarvoUpgradeLidar(QUrl fileUrl);
   // Log downloads on a worker thread: 0 started, -1 refused (not connected, upgrading, or
   // a download already running). `fileUrl` names the archive (operation log) or the folder.
   Q_INVOKABLE int DownloadOperationLog(QUrl fileUrl);
@@ -186,6 +193,8 @@ class VarkelManager : public QObject {
   // [destination address, port] as texts; empty on failure. `silent`: no byte log.
   Q_INVOKABLE QVariantList ZeltoGetDestinationConfig(bool silent = false);
   Q_INVOKABLE bool ZeltoSetDestinationIPandPort(QString ip, int port);
+  // 0 "APP+FPGA", 1 "PBL", 2 junction box; kept until set again. No check, no signal.
+  Q_INVOKABLE void ZeltoSetUpgradeMode(int mode);
   Q_INVOKABLE void MarvoSetIMURange(int angularRangeIndex, int accelRangeIndex);
   Q_INVOKABLE QString getVMNowName();
   Q_INVOKABLE bool isTimerUpdate(int i, int j, int k);
@@ -260,6 +269,10 @@ class VarkelManager : public QObject {
   void SetUpgrading(bool value);
   // The pause between a transmitted upgrade and the restart command (10 s). Tests shorten it.
   void SetRebootWait(std::chrono::milliseconds wait) { reboot_wait_ms_.store(wait.count()); }
+  // The Marvo's settling pause after the change to upgrade mode (3 s). Tests shorten it.
+  void SetModeSwitchWait(std::chrono::milliseconds wait) { mode_switch_wait_ms_.store(wait.count()); }
+  // The serial OTA frames' reply wait (30 s); applied when a transfer starts. Tests shorten it.
+  void SetOtaReplyTimeout(std::chrono::milliseconds wait) { ota_reply_timeout_ms_.store(wait.count()); }
 
  private:
   struct Worker {
@@ -327,6 +340,11 @@ class VarkelManager : public QObject {
   void JoinWorkers();
   // The generic upgrade's worker: the transfer, then the message and the restart.
   void UpgradeWorker(std::vector<uint8_t> data, std::string command_text);
+  // The small sensors' upgrade workers.
+  void ZeltoUpgradeWorker(std::vector<uint8_t> data, int connect_type, int mode);
+  void MarvoUpgradeWorker(std::vector<uint8_t> data);
+  // The link an OTA transfer runs on, kept so that closing can cancel it; null to forget.
+  void SetUpgradeLink(std::shared_ptr<quarn::lidar::KtcSerialClient> link);
   // Waits until `deadline` or until the controller closes; true when it closed.
   bool WaitUnlessClosing(std::chrono::steady_clock::time_point deadline);
   void Trace(const char* operation, const std::string& text) const;
@@ -412,6 +430,11 @@ class VarkelManager : public QObject {
   std::mutex closing_mutex_;
   std::condition_variable closing_cv_;
   std::atomic<int64_t> reboot_wait_ms_{10000};
+  std::atomic<int64_t> mode_switch_wait_ms_{3000};
+  std::atomic<int64_t> ota_reply_timeout_ms_{30000};
+  std::atomic<int> upgrade_mode_{0};
+  // Guarded by clients_mutex_.
+  std::shared_ptr<quarn::lidar::KtcSerialClient> upgrade_link_;
   std::mutex workers_mutex_;
   std::vector<Worker> workers_;
 };

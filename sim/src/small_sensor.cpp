@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "firmware_image.h"
+
 namespace varkel::sim {
 namespace {
 
@@ -19,27 +21,23 @@ constexpr uint8_t kItemSerialNumber = 10;
 constexpr uint8_t kItemStandby = 11;
 constexpr uint8_t kItemImuRange = 11;
 constexpr uint8_t kItemVersion = 15;
+constexpr uint8_t kItemWorkMode = 12;
+constexpr uint8_t kWorking = 0;
+constexpr uint8_t kUpgradeMode = 4;
+// Component types and the version each one carries.
+constexpr uint32_t kTmbFpga = 0;
+constexpr uint32_t kBmbFpga = 1;
+constexpr uint32_t kApplication = 2;
+constexpr uint8_t kVersionBmbFpga = 0;
+constexpr uint8_t kVersionTmbFpga = 1;
+constexpr uint8_t kVersionBmbMcu = 2;
+constexpr uint8_t kVersionPbl = 5;
 
 constexpr size_t kVersionText = 24;
 constexpr size_t kSerialNumberText = 16;
 
 bool ValidAngularCode(uint8_t c) {
   return c <= 4 || c == 8;
-}
-
-std::string VersionText(uint8_t which) {
-  switch (which) {
-    case 0:
-      return "BMB-FPGA V1.3.7";
-    case 1:
-      return "TMB-FPGA V1.2.0";
-    case 2:
-      return "BMB-MCU V2.0.5";
-    case 5:
-      return "PBL V1.0.1";
-    default:
-      return std::string();
-  }
 }
 
 }  // namespace
@@ -100,6 +98,12 @@ std::vector<uint8_t> SmallSensor::Set(const std::vector<uint8_t>& p) {
     case kItemDualReturn:
       s_.return_mode = item;
       break;
+    case kItemWorkMode:
+      // [12, mode, status, partition]: the one set reply that carries more, the running
+      // partition, which the program needs to pick the application image.
+      if (value != kWorking && value != kUpgradeMode) return {item, value, kRefused, s_.partition};
+      s_.work_mode = value;
+      return {item, value, kOk, s_.partition};
     default:
       status = kRefused;
   }
@@ -154,7 +158,8 @@ std::vector<uint8_t> SmallSensor::Get(const std::vector<uint8_t>& p) {
     case kItemVersion: {
       // [15, which, text[24], status, 0]: body exactly 30 bytes, text from body byte 4.
       const uint8_t which = p.size() > 1 ? p[1] : 0;
-      const std::string text = VersionText(which);
+      const auto found = s_.versions.find(which);
+      const std::string text = found == s_.versions.end() ? std::string() : found->second;
       std::vector<uint8_t> r(2 + kVersionText + 2, 0);
       r[0] = item;
       r[1] = which;
@@ -168,11 +173,62 @@ std::vector<uint8_t> SmallSensor::Get(const std::vector<uint8_t>& p) {
   }
 }
 
-std::vector<uint8_t> SmallSensor::Ota(uint8_t type, uint32_t, uint32_t, const std::vector<uint8_t>&) {
+OtaOutcome SmallSensor::Ota(uint8_t type, uint32_t value1, uint32_t value2, const std::vector<uint8_t>& data) {
   std::lock_guard<std::mutex> lock(mu_);
   ++s_.ota_frames;
   s_.last_ota_type = type;
-  return {kOk};
+  OtaOutcome out;
+  out.status = ota_.OnFrame(type, value1, value2, data, s_.work_mode == kUpgradeMode);
+  out.finished = ota_.TakeFinished();
+  if (!out.finished || !out.finished->ok) return out;
+  const auto version = ImageVersion(ota_.last_complete_data());
+  if (out.finished->component) {
+    ++s_.components_received;
+    pending_components_[out.finished->kind] = version;
+    out.note = "component type " + std::to_string(out.finished->kind) + " stored for the reboot";
+    return out;
+  }
+  ++s_.images_received;
+  const uint8_t which = out.finished->kind == 0 ? kVersionBmbMcu : kVersionPbl;
+  if (version) {
+    s_.versions[which] = *version;
+    out.note = "rebooted into " + *version;
+  } else {
+    out.note = "rebooted; the image announces no version";
+  }
+  return out;
+}
+
+std::optional<OtaRecord> SmallSensor::AbandonOta() {
+  std::lock_guard<std::mutex> lock(mu_);
+  ota_.Abandon();
+  return ota_.TakeFinished();
+}
+
+std::string SmallSensor::Reboot() {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (s_.work_mode != kUpgradeMode) return std::string();
+  ota_.Abandon();
+  ota_.TakeFinished();
+  std::string what = "reboot out of upgrade mode";
+  for (const auto& [type, version] : pending_components_) {
+    if (type == kApplication) {
+      s_.partition = s_.partition == 0 ? 1 : 0;
+      what += std::string("; now running partition ") + (s_.partition == 0 ? "A" : "B");
+    }
+    const int which = type == kApplication ? kVersionBmbMcu
+                      : type == kBmbFpga   ? kVersionBmbFpga
+                      : type == kTmbFpga   ? kVersionTmbFpga
+                                           : -1;
+    if (which >= 0 && version) {
+      s_.versions[static_cast<uint8_t>(which)] = *version;
+      what += "; " + *version;
+    }
+  }
+  pending_components_.clear();
+  s_.work_mode = kWorking;
+  ++s_.reboots;
+  return what;
 }
 
 }  // namespace varkel::sim

@@ -8,9 +8,13 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "ota_receiver.h"
 
 namespace varkel::sim {
 
@@ -31,6 +35,24 @@ struct SmallSensorState {
   uint16_t destination_port = 2368;
   uint64_t ota_frames = 0;
   uint8_t last_ota_type = 0;
+  // Work mode item 12: 0 working, 4 upgrade (Marvo components are taken only then).
+  uint8_t work_mode = 0;
+  // The running application partition: 0 A, 1 B. A reboot after an application arrived
+  // whole in upgrade mode runs the other one.
+  uint8_t partition = 0;
+  // Version texts by the version query's `which`: 0 BMB FPGA, 1 TMB FPGA, 2 BMB MCU, 5 PBL.
+  std::map<uint8_t, std::string> versions{
+      {0, "BMB-FPGA V1.3.7"}, {1, "TMB-FPGA V1.2.0"}, {2, "BMB-MCU V2.0.5"}, {5, "PBL V1.0.1"}};
+  uint64_t images_received = 0;      // Zelto images that ended well
+  uint64_t components_received = 0;  // Marvo components that ended well
+  uint64_t reboots = 0;              // reboots out of upgrade mode
+};
+
+// What one OTA frame did: the reply status and, when an image ended, its record.
+struct OtaOutcome {
+  uint8_t status = 0;
+  std::optional<OtaRecord> finished;
+  std::string note;  // for the trace: what took effect
 };
 
 class SmallSensor {
@@ -44,8 +66,17 @@ class SmallSensor {
 
   // Reply body after the command byte for a "$LDCMD," request.
   std::vector<uint8_t> Command(uint8_t cmd, const std::vector<uint8_t>& payload);
-  // Reply body after the type byte for a "$LDOTA," frame: the status byte.
-  std::vector<uint8_t> Ota(uint8_t type, uint32_t value1, uint32_t value2, const std::vector<uint8_t>& data);
+  // A "$LDOTA," frame (docs/upgrade.md). A Zelto image that ends well takes effect at
+  // once (the sensor reboots by itself): its "VERSION=" text (docs/virtual-lidar.md)
+  // becomes the BMB MCU version (mode 0) or the PBL version (mode 1). Marvo components
+  // wait for Reboot.
+  OtaOutcome Ota(uint8_t type, uint32_t value1, uint32_t value2, const std::vector<uint8_t>& data);
+  // Ends an open image as failed; its record, when one was open.
+  std::optional<OtaRecord> AbandonOta();
+  // Leaves upgrade mode (the program let go of the line): the components that arrived
+  // whole take effect, an application on the other partition, which then runs. Returns
+  // what changed, "" when the sensor was not in upgrade mode.
+  std::string Reboot();
 
   // KTC 0x08: lidar address, mask, gateway, destination address, destination port (BE).
   std::vector<uint8_t> NetworkBlock() const;
@@ -62,6 +93,9 @@ class SmallSensor {
   // Keeps apart the serial thread (requests) and the embedding thread (state access).
   mutable std::mutex mu_;
   SmallSensorState s_;
+  OtaReceiver ota_;
+  // Components that arrived whole in upgrade mode: type -> the version their image names.
+  std::map<uint32_t, std::optional<std::string>> pending_components_;
 };
 
 }  // namespace varkel::sim

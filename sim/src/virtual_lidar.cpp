@@ -19,6 +19,7 @@
 #include "firmware_image.h"
 #include "ktc_wire.h"
 #include "model_table.h"
+#include "ota_receiver.h"
 #include "platform/net.h"
 #include "point_cloud.h"
 #include "pty_pair.h"
@@ -42,6 +43,11 @@ constexpr uint8_t kBaudPrefix[] = {0x00, 0x01, 0x39};
 // The small sensors' network block (read) and destination (write) over KTC.
 constexpr uint8_t kNetworkBlockCmd = 0x08;
 constexpr uint8_t kSetDestinationCmd = 0x20;
+// A whole "$LDOTA," frame carried by KTC, and the junction box's file command.
+constexpr uint8_t kOtaCmd = 0x84;
+constexpr uint8_t kJunctionBoxCmd = 0x83;
+constexpr uint32_t kBaudRates[] = {9600,    19200,   38400,   57600,   115200,  230400,  460800, 921600,
+                                   1000000, 1500000, 2000000, 3000000, 3125000, 4000000, 5000000};
 
 // A KTC client reading a log of tens of MiB slowly is still reading; one that takes
 // nothing for this long is gone. A serial line nobody reads gives up much sooner, so the
@@ -400,6 +406,13 @@ void VirtualLidar::Serve(Connection* conn) {
     }
   }
   if (open) close_conn(false);
+  if (SmallSensorOverKtc()) {
+    // The program let go of the line: an image half sent is lost, and a sensor in upgrade
+    // mode reboots into what arrived whole.
+    RecordOta(small_.AbandonOta(), "OTA image abandoned: the connection closed");
+    const std::string rebooted = small_.Reboot();
+    if (!rebooted.empty()) path_->Note(rebooted);
+  }
   conn->done.store(true);
 }
 
@@ -426,7 +439,19 @@ VirtualLidar::Reply VirtualLidar::Dispatch(const KtcRequest& req, const Connecti
   const std::vector<uint8_t>& p = req.payload;
   if (req.cmd == kExtendedCommand) {
     if (p.size() == 7 && std::equal(kBaudPrefix, kBaudPrefix + 3, p.begin())) {
-      baud_rate_.store(ReadU32BE(p.data() + 3));
+      const uint32_t rate = ReadU32BE(p.data() + 3);
+      const bool taken = SupportedBaudRate(rate);
+      {
+        std::lock_guard<std::mutex> lock(state_mu_);
+        baud_requests_.push_back(BaudRequest{rate, taken});
+      }
+      if (!taken) {
+        r.return_code = kRcBadPayload;
+        path_->Note("baud rate " + std::to_string(rate) + " refused: not a rate of this sensor");
+        return r;
+      }
+      baud_rate_.store(rate);
+      path_->Note("baud rate now " + std::to_string(rate));
       return r;
     }
     if (p.size() == 2 && p[0] == kBaudPrefix[0] && p[1] == kBaudPrefix[1]) {
@@ -608,6 +633,26 @@ std::optional<VirtualLidar::Reply> VirtualLidar::SmallSensorKtcAnswer(uint8_t cm
     case kSetDestinationCmd:
       if (!small_.SetDestination(p)) r.return_code = kRcBadPayload;
       return r;
+    case kOtaCmd: {
+      // The payload is one whole serial OTA frame, read by the sensor's own frame reader.
+      SerialRequestReader reader;
+      reader.Feed(p.data(), p.size());
+      const auto frame = reader.Next();
+      if (!frame || !frame->ota || frame->frame.size() != p.size()) {
+        r.return_code = kRcBadPayload;
+        path_->Note("KTC 0x84 without exactly one good OTA frame refused");
+        return r;
+      }
+      bool drop_line = false;
+      const auto status = AnswerOta(frame->cmd, frame->value1, frame->value2, frame->payload, drop_line);
+      if (!status) {
+        r.send = false;
+        return r;
+      }
+      r.payload = {1, frame->cmd, *status};
+      r.close_after = drop_line;
+      return r;
+    }
     default:
       return std::nullopt;
   }
@@ -658,6 +703,12 @@ VirtualLidar::Reply VirtualLidar::OnPiece(uint8_t cmd, const CommandKey& key, co
     }
     result = files_.OnPiece(piece.data(), piece.size());
     transfer_owner_ = files_.pieces_in_progress() > 0 ? conn : nullptr;
+    if (result == FileReceiver::Result::kCompleted && SmallSensorOverKtc() &&
+        key == CommandKey{false, kJunctionBoxCmd}) {
+      ++junction_box_upgrades_;
+      path_->Note("junction box image received: " + std::to_string(files_.last()->length) + " bytes, SHA-256 " +
+                  files_.last()->sha256_hex);
+    }
     if (result == FileReceiver::Result::kCompleted && upgrade_key_ == key) {
       // Flashed, in the sensor's terms; it runs the new image only after a restart.
       ++upgrades_received_;
@@ -722,7 +773,23 @@ void VirtualLidar::SerialLoop() {
         path_->TraceIn(names[i], req->frame.data(), req->frame.size());
         std::vector<uint8_t> reply;
         if (req->ota) {
-          reply = BuildSerialOtaReply(req->cmd, small_.Ota(req->cmd, req->value1, req->value2, req->payload), ++nonce);
+          bool drop_line = false;
+          bool dead = false;
+          {
+            std::lock_guard<std::mutex> lock(state_mu_);
+            if (req->cmd == OtaReceiver::kStart || req->cmd == OtaReceiver::kComponentStart) serial_ota_dead_ = false;
+            dead = serial_ota_dead_;
+          }
+          const auto status =
+              dead ? std::nullopt : AnswerOta(req->cmd, req->value1, req->value2, req->payload, drop_line);
+          if (drop_line) {
+            // A serial line cannot be hung up; it goes dead instead, and the image is lost.
+            std::lock_guard<std::mutex> lock(state_mu_);
+            serial_ota_dead_ = true;
+          }
+          if (drop_line) RecordOta(small_.AbandonOta(), "OTA image abandoned: the line went dead");
+          if (!status) continue;
+          reply = BuildSerialOtaReply(req->cmd, {*status}, ++nonce);
         } else {
           {
             std::lock_guard<std::mutex> lock(state_mu_);
@@ -884,6 +951,60 @@ std::optional<std::string> VirtualLidar::PendingFirmwareVersion() const {
   std::lock_guard<std::mutex> lock(state_mu_);
   if (!upgrade_pending_) return std::nullopt;
   return pending_version_;
+}
+
+bool VirtualLidar::SupportedBaudRate(uint32_t rate) {
+  return std::find(std::begin(kBaudRates), std::end(kBaudRates), rate) != std::end(kBaudRates);
+}
+
+std::vector<VirtualLidar::BaudRequest> VirtualLidar::BaudRateRequests() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return baud_requests_;
+}
+
+std::vector<OtaRecord> VirtualLidar::OtaRecords() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return ota_records_;
+}
+
+uint64_t VirtualLidar::JunctionBoxUpgrades() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return junction_box_upgrades_;
+}
+
+void VirtualLidar::RecordOta(const std::optional<OtaRecord>& record, const std::string& note) {
+  if (!record) return;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    ota_records_.push_back(*record);
+  }
+  path_->Note(std::string(record->component ? "component type " : "image mode ") + std::to_string(record->kind) +
+              (record->ok ? " received: " : " failed after ") + std::to_string(record->length) + " bytes, SHA-256 " +
+              record->sha256_hex + (note.empty() ? "" : "; " + note));
+}
+
+std::optional<uint8_t> VirtualLidar::AnswerOta(uint8_t type, uint32_t value1, uint32_t value2,
+                                               const std::vector<uint8_t>& data, bool& drop_line) {
+  drop_line = false;
+  const FailureSpec f = FailureFor(kOtaCmd);
+  const uint32_t limit = static_cast<uint32_t>(f.param > 0 ? f.param : 1);
+  if (type == OtaReceiver::kPiece) {
+    if (f.mode == FailureMode::kSilentAfterPieces && value1 > limit) {
+      path_->Note("OTA piece swallowed (silent-after-pieces)");
+      return std::nullopt;
+    }
+    if (f.mode == FailureMode::kRefusePiece && value1 == limit) {
+      path_->Note("OTA piece refused (refuse-piece)");
+      RecordOta(small_.AbandonOta(), "refused a piece");
+      return OtaReceiver::kRefused;
+    }
+    drop_line = f.mode == FailureMode::kDisconnectAfterPieces && value1 >= limit;
+  }
+  OtaOutcome out = small_.Ota(type, value1, value2, data);
+  if (out.status != OtaReceiver::kTaken)
+    path_->Note("OTA frame type " + std::to_string(type) + " answered with status " + std::to_string(out.status));
+  RecordOta(out.finished, out.note);
+  return out.status;
 }
 
 SmallSensorState VirtualLidar::SmallSensor() const {

@@ -104,6 +104,19 @@ class VirtualLidar {
   uint64_t UpgradesReceived() const;
   std::optional<std::string> PendingFirmwareVersion() const;
   uint32_t BaudRate() const { return baud_rate_.load(); }
+  // Every baud rate the sensor was told to take, refused ones included, in order.
+  struct BaudRequest {
+    uint32_t rate = 0;
+    bool taken = false;
+  };
+  std::vector<BaudRequest> BaudRateRequests() const;
+  static bool SupportedBaudRate(uint32_t rate);
+
+  // OTA images and Marvo components, in the order they ended (well or not), whichever
+  // line brought them (docs/upgrade.md).
+  std::vector<OtaRecord> OtaRecords() const;
+  // Files that arrived whole on 0x83 at a small sensor over KTC: junction-box upgrades.
+  uint64_t JunctionBoxUpgrades() const;
 
   // The field of view behind 0x23/0x22, in hundredths of a degree (start 0, end 36000).
   void SetFov(const FovBlock::Angles& start, const FovBlock::Angles& end) { fov_.Set(start, end); }
@@ -191,6 +204,12 @@ class VirtualLidar {
   // requests 2 and 3 carried by KTC, 0x08, 0x20); nullopt for other models and commands.
   std::optional<Reply> SmallSensorKtcAnswer(uint8_t cmd, const std::vector<uint8_t>& payload);
   bool SmallSensorOverKtc() const;
+  // The answer (status) to one OTA frame from either line, after the file-piece failure
+  // modes set for command 0x84; nullopt: no answer. `drop_line`: the line goes dead after
+  // this answer.
+  std::optional<uint8_t> AnswerOta(uint8_t type, uint32_t value1, uint32_t value2, const std::vector<uint8_t>& data,
+                                   bool& drop_line);
+  void RecordOta(const std::optional<OtaRecord>& record, const std::string& note);
   FailureSpec FailureFor(uint8_t cmd) const;
   void Count(const KtcRequest& req);
   void SerialLoop();
@@ -245,6 +264,11 @@ class VirtualLidar {
   uint64_t restarts_ = 0;
   uint64_t resets_ = 0;
   uint64_t upgrades_received_ = 0;
+  uint64_t junction_box_upgrades_ = 0;
+  std::vector<BaudRequest> baud_requests_;
+  std::vector<OtaRecord> ota_records_;
+  // Serial line after a disconnect-after-pieces: OTA frames go unanswered until a start.
+  bool serial_ota_dead_ = false;
   bool upgrade_pending_ = false;
   std::optional<std::string> pending_version_;
 

@@ -66,10 +66,14 @@ TEST(SimSerialSensor, AnswersTheSerialClientsGetsSetsAndOtaFrames) {
 
   uint8_t cmd = 0, status = 0xEE;
   const uint8_t bytes[] = {1, 2, 3, 4, 5};
+  // An unknown frame type is answered, and refused.
   EXPECT_EQ(client.SendOtaFrame(7, 9, bytes, sizeof(bytes), 0x81, cmd, status), 0);
   EXPECT_EQ(cmd, 0x81);
+  EXPECT_EQ(status, 3);
+  EXPECT_EQ(client.SendOtaFrame(5, 0, nullptr, 0, 0x01, cmd, status), 0);
+  EXPECT_EQ(cmd, 0x01);
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(sim->SmallSensor().ota_frames, 1u);
+  EXPECT_EQ(sim->SmallSensor().ota_frames, 2u);
 
   sim->SetLinkLost(true);
   EXPECT_EQ(client.SendCommand(3, {10, 1}, body, 300), SerialClient::kErrBadReply);

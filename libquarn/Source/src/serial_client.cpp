@@ -45,7 +45,7 @@ int SerialClient::SendOtaFrame(uint32_t value1, uint32_t value2, const uint8_t* 
   data_source_->Clear(SerialSource::kClearInput);
   // One send call; its length field is 16 bits wide.
   if (data_source_->Send(frame.data(), static_cast<uint16_t>(frame.size() % 65536), 0) < 0) return kErrNotReady;
-  return WaitReplyLocked(reply_cmd, reply_status, kOtaReplyTimeoutMs);
+  return WaitReplyLocked(reply_cmd, reply_status, ota_reply_timeout_ms_.load());
 }
 
 int SerialClient::WaitReply(uint8_t& reply_cmd, uint8_t& reply_status, uint32_t timeout_ms) {

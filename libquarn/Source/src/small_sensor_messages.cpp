@@ -127,6 +127,17 @@ std::vector<uint8_t> BaudRateQuery() {
   return {0x00, 0x01};
 }
 
+int OtaReplyStatus(const std::vector<uint8_t>& body, uint8_t type) {
+  if (body.size() != 3 || body[0] != 1 || body[1] != type) return kBadShape;
+  return body[2];
+}
+
+int ChangeModeReplyStatus(const std::vector<uint8_t>& body, uint8_t mode, uint32_t& partition) {
+  if (body.size() != 6 || body[0] != 4 || !Echoes(body, kSet, kItemWorkMode) || body[3] != mode) return kBadShape;
+  if (body[4] == 0) partition = body[5];
+  return body[4];
+}
+
 std::vector<uint8_t> BaudRateSet(uint32_t rate) {
   return {0x00,
           0x01,

@@ -23,6 +23,7 @@ constexpr uint8_t kItemSerialNumber = 10;
 constexpr uint8_t kItemStandby = 11;
 constexpr uint8_t kItemImuRange = 11;
 constexpr uint8_t kItemVersion = 15;
+constexpr uint8_t kItemWorkMode = 12;  // set: the work mode; 4 = upgrade
 
 constexpr uint8_t kVersionBmbFpga = 0;
 constexpr uint8_t kVersionTmbFpga = 1;
@@ -68,7 +69,16 @@ int ImuReplyStatus(const std::vector<uint8_t>& body);
 // status code, or kBadShape.
 int ParseVersion(const std::vector<uint8_t>& body, uint8_t which, std::string& text);
 
+// Status of an OTA reply body [1, echoed type, status] for a frame of `type`: the status
+// (0 taken), or kBadShape for another shape or echo.
+int OtaReplyStatus(const std::vector<uint8_t>& body, uint8_t type);
+
+// Status of the change-mode reply [4, 3, 12, mode, status, partition]: the status, with
+// `partition` set when it is 0; kBadShape for another shape.
+int ChangeModeReplyStatus(const std::vector<uint8_t>& body, uint8_t mode, uint32_t& partition);
+
 // KTC 0xFF payloads of the baud rate.
+constexpr uint8_t kBaudRateCmd = 0xFF;
 std::vector<uint8_t> BaudRateQuery();
 std::vector<uint8_t> BaudRateSet(uint32_t rate);
 std::optional<uint32_t> ParseBaudRate(const std::vector<uint8_t>& payload);

@@ -56,14 +56,16 @@ TEST_F(ManagerObject, MetaObjectKeepsSignalAndInvokableOrder) {
   EXPECT_EQ(MethodNames(QMetaMethod::Method),
             "InitConfigFileParser InitConfigFileParser ConnectLidar CheckLidarConnection Run Stop SetText ClearSetMap "
             "getSetMapSize StartGetConfigFile SendCommand getSendKtcCommandReturnHeader getSendKtcCommandReturnPayload "
-            "Restart Reset UpgradeLidar DownloadOperationLog DownloadOperationLogThread DownloadLog "
+            "Restart Reset UpgradeLidar ZeltoUpgradeLidar MarvoUpgradeLidar DownloadOperationLog "
+            "DownloadOperationLogThread DownloadLog "
             "GetLidarModuleInfo UpdateSingleVarInfo UpdateSingleVarInfo "
             "CheckVarIsWithinRange CheckVarIsWithinRange CheckModuleVarsWithinRange SetMultiFovConfig UpdateUI "
             "setErrorMsg setSuccessMsg "
             "SetLogBytesFlowStatus GetIsConnectingLidar CheckVarExistsInConfigFileByName getLidarSN getLidarPN "
             "setModuleIndexUse ZeltoSetStandby ZeltoSetSpinRate ZeltoSetReturnMode ZeltoGetCorrection "
             "ZeltoGetLidarFunctionSafety ZeltoGetBaudRate ZeltoSetBaudRateFromUI ZeltoGetDestinationConfig "
-            "ZeltoGetDestinationConfig ZeltoSetDestinationIPandPort MarvoSetIMURange getVMNowName isTimerUpdate");
+            "ZeltoGetDestinationConfig ZeltoSetDestinationIPandPort ZeltoSetUpgradeMode MarvoSetIMURange getVMNowName "
+            "isTimerUpdate");
 
   const QMetaObject& mo = VarkelManager::staticMetaObject;
   QMetaProperty udp = mo.property(mo.indexOfProperty("udpPort"));

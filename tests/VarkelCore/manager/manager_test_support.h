@@ -40,6 +40,8 @@ class TestManager : public VarkelManager {
   using VarkelManager::Init;
   using VarkelManager::KtcClientHandle;
   using VarkelManager::searchVarPtr;
+  using VarkelManager::SetModeSwitchWait;
+  using VarkelManager::SetOtaReplyTimeout;
   using VarkelManager::SetRebootWait;
   using VarkelManager::SetUpgrading;
   using VarkelManager::updateSingleVarFromOutput;

@@ -13,9 +13,13 @@ Item {
         when: windowShown
 
         property var page: null
+        property var ui: null
+
+        SignalSpy { id: logSpy; signalName: "logRequested" }
 
         function init() {
-            verify(harness.createMainWindow(top) !== null);
+            ui = harness.createMainWindow(top);
+            verify(ui !== null);
             var component = Qt.createComponent("qrc:/Qml/assembly/Zelto.qml");
             verify(component.status === Component.Ready, component.errorString());
             page = component.createObject(top, {manager: harness.manager(), selectedModel: "Zelto", width: 1300,
@@ -24,6 +28,7 @@ Item {
         }
 
         function cleanup() {
+            logSpy.clear();
             page.destroy();
             page = null;
             harness.destroyMainWindow();
@@ -70,6 +75,73 @@ Item {
             compare(page.faultCodeList(["Warning", "0x102", "0x0A"]), ["0x102", "0x0A"]);
             compare(child("faultStateText").text, "Normal");
             compare(child("faultCodeCombo").model, ["None"]);
+        }
+    
+        // The upgrade area scrolled into the window, so that a drop reaches it.
+        function upgradeDropArea() {
+            var area = child("zeltoUpgradeArea");
+            var flick = area.parent;
+            while (flick && flick.contentY === undefined) flick = flick.parent;
+            flick.contentY = Math.max(0, area.mapToItem(flick.contentItem, 0, 0).y - 50);
+            var drop = findChild(area, "upgradeDropArea");
+            tryVerify(() => drop.mapToItem(top, 0, 0).y + drop.height < top.height, 2000);
+            return drop;
+        }
+
+        function test_upgrade_modes_per_model_data() {
+            return [
+                {tag: "Zelto", model: "Zelto", modes: ["APP+FPGA", "PBL"], values: [0, 1]},
+                {tag: "Zelto-KTC", model: "Zelto-KTC", modes: ["APP+FPGA", "PBL"], values: [0, 1]},
+                {tag: "Marvo-KTC", model: "Marvo-KTC", modes: ["Lidar", "Junction Box"], values: [0, 2]},
+            ];
+        }
+
+        function test_upgrade_modes_per_model(data) {
+            page.selectedModel = data.model;
+            compare(child("upgradeModeCombo").model, data.modes);
+            compare(child("upgradeModeCombo").currentIndex, 0);
+            compare([page.upgradeModeValue(0), page.upgradeModeValue(1)], data.values);
+            // Not upgrading: neither bar nor note.
+            verify(!findChild(child("zeltoUpgradeArea"), "upgradeProgressRow").visible);
+            verify(!findChild(child("zeltoUpgradeArea"), "upgradeNote").visible);
+        }
+
+        // A dropped file: refused on the page unless .bin or .patch, otherwise handed to the
+        // entry of the model and mode, which (not connected) refuses with its own words.
+        function test_dropped_files_reach_the_entry_of_model_and_mode_data() {
+            return [
+                {tag: "Zelto .bin", model: "Zelto", mode: 0, file: "fw.bin",
+                 error: "lidar is not connected, or lidar is upgrade"},
+                {tag: "Zelto PBL .PATCH", model: "Zelto", mode: 1, file: "PBL.PATCH",
+                 error: "lidar is not connected, or lidar is upgrade"},
+                {tag: "Marvo Lidar", model: "Marvo-KTC", mode: 0, file: "marvo.bin",
+                 error: "lidar is not connected, or lidar is upgrading"},
+                {tag: "Marvo Junction Box", model: "Marvo-KTC", mode: 1, file: "box.bin",
+                 error: "lidar is not connected, or lidar is upgrade"},
+                {tag: "a .txt file", model: "Zelto", mode: 0, file: "notes.txt", error: ""},
+                {tag: "a .bin.txt file", model: "Marvo-KTC", mode: 0, file: "fw.bin.txt", error: ""},
+            ];
+        }
+
+        function test_dropped_files_reach_the_entry_of_model_and_mode(data) {
+            page.selectedModel = data.model;
+            var combo = child("upgradeModeCombo");
+            combo.currentIndex = data.mode;
+            combo.activated(data.mode);
+            logSpy.target = page;
+            var err = findChild(ui, "errorInfoWindow");
+            err.close();
+            harness.dropUrls(upgradeDropArea(), ["file:///tmp/" + data.file]);
+            if (data.error === "") {
+                tryCompare(logSpy, "count", 1, 2000);
+                compare(logSpy.signalArguments[0][0], "Rejected, need a *.bin or *.patch file");
+                verify(!err.visible, "the page's own refusal is no error notice");
+            } else {
+                tryVerify(() => err.visible, 2000, "the controller's refusal was not shown");
+                compare(err.message, data.error);
+                compare(logSpy.count, 0);
+            }
+            verify(!harness.manager().IsUpgrading);
         }
     }
 }

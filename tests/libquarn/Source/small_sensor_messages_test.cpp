@@ -15,6 +15,9 @@ TEST(SmallSensorMessages, RequestPayloads) {
   EXPECT_EQ(ss::CorrectionRequest(0), (Bytes{0x07}));
   EXPECT_EQ(ss::CorrectionRequest(3), (Bytes{0x07, 0x03}));
   EXPECT_EQ(ss::BaudRateSet(3125000), (Bytes{0x00, 0x01, 0x39, 0x00, 0x2F, 0xAF, 0x08}));
+  // The Marvo upgrade's two rates.
+  EXPECT_EQ(ss::BaudRateSet(5000000), (Bytes{0x00, 0x01, 0x39, 0x00, 0x4C, 0x4B, 0x40}));
+  EXPECT_EQ(ss::BaudRateSet(9600), (Bytes{0x00, 0x01, 0x39, 0x00, 0x00, 0x25, 0x80}));
   EXPECT_EQ(*ss::DestinationPayload("192.168.1.100", 2368), (Bytes{0xC0, 0xA8, 0x01, 0x64, 0x09, 0x40}));
   EXPECT_EQ(*ss::DestinationPayload("0.0.0.0", 65535), (Bytes{0, 0, 0, 0, 0xFF, 0xFF}));
   for (const char* bad : {"1.2.3", "1.2.3.4.", "1..2.3", "1.2.3.256", "1.2.3.-4", " 1.2.3.4", "1.2.3.0004", ""})
@@ -38,6 +41,22 @@ TEST(SmallSensorMessages, SetAndImuRepliesMustHaveTheirExactShape) {
   EXPECT_EQ(ss::ImuReplyStatus({0x04, 0x02, 0x0B, 0x00, 0x08, 0x03}), 0);
   EXPECT_EQ(ss::ImuReplyStatus({0x04, 0x02, 0x0B, 0x01, 0x09, 0x03}), 1);
   EXPECT_EQ(ss::ImuReplyStatus({0x03, 0x02, 0x0B, 0x00, 0x08}), -2);
+}
+
+TEST(SmallSensorMessages, UpgradeRepliesMustHaveTheirExactShape) {
+  uint32_t partition = 9;
+  EXPECT_EQ(ss::ChangeModeReplyStatus({0x04, 0x03, 0x0C, 0x04, 0x00, 0x01}, 4, partition), 0);
+  EXPECT_EQ(partition, 1u);
+  partition = 9;
+  EXPECT_EQ(ss::ChangeModeReplyStatus({0x04, 0x03, 0x0C, 0x04, 0x02, 0x00}, 4, partition), 2);
+  EXPECT_EQ(partition, 9u);  // a refusal tells no partition
+  for (const Bytes& bad : {Bytes{0x03, 0x03, 0x0C, 0x04, 0x00}, Bytes{0x04, 0x03, 0x0C, 0x00, 0x00, 0x01},
+                           Bytes{0x04, 0x02, 0x0C, 0x04, 0x00, 0x01}, Bytes{0x05, 0x03, 0x0C, 0x04, 0x00, 0x01}})
+    EXPECT_EQ(ss::ChangeModeReplyStatus(bad, 4, partition), -2);
+  EXPECT_EQ(ss::OtaReplyStatus({0x01, 0x11, 0x00}, 0x11), 0);
+  EXPECT_EQ(ss::OtaReplyStatus({0x01, 0x02, 0x03}, 0x02), 3);
+  EXPECT_EQ(ss::OtaReplyStatus({0x01, 0x03, 0x00}, 0x02), -2);
+  EXPECT_EQ(ss::OtaReplyStatus({0x02, 0x02, 0x00, 0x00}, 0x02), -2);
 }
 
 TEST(SmallSensorMessages, GetReplies) {

@@ -21,6 +21,7 @@
 
 #include "frame_assembler.h"
 #include "hex_text.h"
+#include "ktc_serial_client.h"
 #include "logger.h"
 #include "packet_ring.h"
 #include "platform/serial_port_name.h"
@@ -557,6 +558,59 @@ TEST(SocketSource, MulticastOnLoopback) {
   auto packet = std::make_unique<UdpPacket>();
   ASSERT_EQ(ReceiveOne(source, *packet), 1);
   EXPECT_EQ(packet->data[0], 'm');
+}
+
+// A 5-byte image in mode 1 over the serial line: start, one piece, end, each answered; the
+// frames as the upgrade page lays them out, written by hand (CRC-32/MPEG-2 of the image:
+// b3 16 f8 ee).
+TEST_F(SerialClientTest, OtaTransferSendsStartPieceAndEndInOrder) {
+  const std::vector<uint8_t> image = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
+  const auto start = Hex("24 4c 44 4f 54 41 2c 00 00 00 01 00 00 00 05 00 00 00 01 00 00 00 00 c3 c5 36 67 ee ff");
+  const auto piece =
+      Hex("24 4c 44 4f 54 41 2c 00 00 00 02 00 00 00 01 00 00 00 01 00 00 00 05 de ad be ef 01 a9 bb d8 ae ee ff");
+  const auto end = Hex("24 4c 44 4f 54 41 2c 00 00 00 03 00 00 00 05 b3 16 f8 ee 00 00 00 00 f0 7a f1 50 ee ff");
+  // Replies [1, type, status], nonce 0x0A0B0C0D; the last one refuses with status 3.
+  const auto taken_start = Hex("24 4c 44 4f 54 41 2c 01 01 00 0d 0c 0b 0a f6 eb 74 69 ee ff");
+  const auto taken_piece = Hex("24 4c 44 4f 54 41 2c 01 02 00 0d 0c 0b 0a 27 12 cc 5a ee ff");
+  const auto taken_end = Hex("24 4c 44 4f 54 41 2c 01 03 00 0d 0c 0b 0a 68 45 a4 4b ee ff");
+  const auto refused_piece = Hex("24 4c 44 4f 54 41 2c 01 02 03 0d 0c 0b 0a 0a 6a db d2 ee ff");
+
+  auto serial = std::make_shared<SerialClient>(command_, data_);
+  quarn::lidar::KtcSerialClient link(serial);
+  std::vector<std::vector<uint8_t>> frames;
+  std::thread sensor([&] {
+    frames.push_back(rs485_.Read(start.size()));
+    rs485_.Write(taken_start);
+    frames.push_back(rs485_.Read(piece.size()));
+    rs485_.Write(taken_piece);
+    frames.push_back(rs485_.Read(end.size()));
+    rs485_.Write(taken_end);
+  });
+  std::atomic<uint32_t> progress{0};
+  EXPECT_EQ(link.OtaTransfer(image, 1, progress), 0);
+  sensor.join();
+  EXPECT_EQ(frames, (std::vector<std::vector<uint8_t>>{start, piece, end}));
+  EXPECT_EQ(progress.load(), 1u);
+
+  // A refused piece ends the transfer with the sensor's status; no end frame follows.
+  std::thread refusing([&] {
+    rs485_.Read(start.size());
+    rs485_.Write(taken_start);
+    rs485_.Read(piece.size());
+    rs485_.Write(refused_piece);
+  });
+  EXPECT_EQ(link.OtaTransfer(image, 1, progress), 3);
+  refusing.join();
+  // A reply that echoes another frame type is no answer to this one.
+  std::thread confused([&] {
+    rs485_.Read(start.size());
+    rs485_.Write(taken_piece);
+  });
+  EXPECT_EQ(link.OtaTransfer(image, 1, progress), -2);
+  confused.join();
+  // Cancelled: nothing goes out any more.
+  link.Cancel();
+  EXPECT_EQ(link.OtaTransfer(image, 1, progress), -1);
 }
 
 }  // namespace
