@@ -4,6 +4,7 @@ find_package(Qt5 5.15 REQUIRED COMPONENTS Core)
 add_library(VarkelCore STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager.h
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_host.h
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_model.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_connection.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_reading.cpp
@@ -14,9 +15,8 @@ add_library(VarkelCore STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_small_sensor.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_upgrade.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/manager_catalogue.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/src/log_file_name.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/src/value_text.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/log_file_name.cpp)
 set_target_properties(VarkelCore PROPERTIES AUTOMOC ON)
 target_include_directories(VarkelCore PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
-target_link_libraries(VarkelCore PUBLIC Qt5::Core varkel_config quarn_ktc quarn_source log_lib)
+target_link_libraries(VarkelCore PUBLIC Qt5::Core varkel_config varkel_io quarn_ktc quarn_source log_lib)
 varkel_warnings(VarkelCore)

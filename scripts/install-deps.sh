@@ -12,6 +12,7 @@ PACKAGES=(
   libssl-dev openssl
   libcsv-dev libspdlog-dev libfmt-dev libserialport-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcli11-dev nlohmann-json3-dev
   clang clang-format clang-tidy libclang-rt-14-dev
   fonts-roboto-unhinted
   libqt5svg5

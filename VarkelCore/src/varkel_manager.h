@@ -275,6 +275,8 @@ class VarkelManager : public QObject {
   void SetOtaReplyTimeout(std::chrono::milliseconds wait) { ota_reply_timeout_ms_.store(wait.count()); }
 
  private:
+  // The shared reads and writes reach the table through it (varkel_manager_host.h).
+  class TableHost;
   struct Worker {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;

@@ -5,22 +5,14 @@
 
 #include <cmath>
 #include <limits>
-#include <regex>
 #include <stdexcept>
 
 #include "config_parser.h"
 #include "manager_catalogue.h"
 #include "number_text.h"
 #include "var_info.h"
+#include "variable_io.h"
 #include "varkel_manager.h"
-
-namespace {
-
-const std::regex kIpPattern("^((25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)\\.){3}(25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)$");
-// Hexadecimal pieces, while the codec reads decimal ones; both stand as they are.
-const std::regex kMacPattern("^([0-9A-Fa-f]{2}[:]){5}([0-9A-Fa-f]{2})$");
-
-}  // namespace
 
 bool VarkelManager::CheckVarIsWithinRange(QString qs_var_info, QString search_type) {
   auto catalogue = Catalogue();  // keeps the record alive
@@ -63,30 +55,23 @@ bool VarkelManager::CheckModuleVarsWithinRange(int module) {
         const std::string value = ValueOf(var);
         const QString name = QString::fromStdString(var->var_name);
         const QString shown = QString::fromStdString(value);
-        if (var->var_type == "raw") {
-          if (value.size() <= var->var_len) continue;
-        } else if (var->var_type == "IP") {
-          if (std::regex_match(value, kIpPattern)) continue;
+        const varkel::RangeVerdict verdict = varkel::CheckValueRange(*var, value);
+        if (verdict == varkel::RangeVerdict::kOk) continue;
+        if (verdict == varkel::RangeVerdict::kBadIp) {
           emit sendLogMessage("Detected that the user set " + name + " has invalid IP format", "WARNING");
           emit someVarOutOfRange(name);
           qDebug().noquote() << "VarkelManager::CheckModuleVarsWithinRange"
                              << ": detected that" << name << "has invalid IP format:" << shown;
           result = false;
           continue;
-        } else if (var->var_type == "MAC") {
-          if (std::regex_match(value, kMacPattern)) continue;
+        }
+        if (verdict == varkel::RangeVerdict::kBadMac) {
           emit sendLogMessage("Detected that the user set " + name + " has invalid MAC format", "WARNING");
           emit someVarOutOfRange(name);
           qDebug().noquote() << "VarkelManager::CheckModuleVarsWithinRange"
                              << ": detected that" << name << "has invalid MAC format:" << shown;
           result = false;
           continue;
-        } else {
-          // As in the single check, a range with a bound of 0 is no range; comparing it
-          // would fail every numeric variable the table gives no range.
-          if (var->range_min == 0 || var->range_max == 0) continue;
-          const int number = varkel::Stoi(value);
-          if (number >= var->range_min && number <= var->range_max) continue;
         }
         emit sendLogMessage("Detected that the user set " + name + " is out of range", "WARNING");
         emit someVarOutOfRange(name);

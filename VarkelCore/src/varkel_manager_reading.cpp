@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "config_parser.h"
 #include "ktc_client.h"
@@ -14,7 +13,9 @@
 #include "logger.h"
 #include "manager_catalogue.h"
 #include "value_text.h"
+#include "variable_io.h"
 #include "varkel_manager.h"
+#include "varkel_manager_host.h"
 
 using quarn::lidar::KtcCommandText;
 
@@ -22,17 +23,6 @@ namespace {
 
 constexpr auto kRefreshPeriod = std::chrono::milliseconds(100);
 const char kFovWriteCmdText[] = "0x22";
-
-// Variables that share a get command and payload travel in one reply.
-using ReadGroups = std::unordered_map<std::string, std::vector<VarInfo*>>;
-
-std::string GroupKey(const VarInfo* var) {
-  return var->get_cmd + " " + var->get_cmd_payload;
-}
-
-void AddToGroups(ReadGroups& groups, VarInfo* var) {
-  groups[GroupKey(var)].push_back(var);
-}
 
 }  // namespace
 
@@ -87,10 +77,7 @@ bool VarkelManager::GetInfoFromLidar(VarInfo* var) {
 int VarkelManager::QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round) {
   const VarInfo* first = vars.front();
   KtcCommandText command;
-  std::string error;
-  if (!quarn::lidar::ParseKtcCommandText(first->get_cmd, command, &error))
-    throw std::invalid_argument("bad get command \"" + first->get_cmd + "\": " + error);
-  const std::vector<uint8_t> payload = quarn::lidar::BuildCommandPayload(command, first->get_cmd_payload_bytes);
+  const std::vector<uint8_t> payload = varkel::GetRequest(*first, command);
 
   std::vector<uint8_t> reply;
   auto client = KtcClientHandle();
@@ -130,29 +117,22 @@ bool VarkelManager::updateSingleVarFromOutput(VarInfo* var, const std::string& c
   // In a refresh round a fault is reported once per variable, not ten times a second.
   auto report = [&] { return !timer_round || catalogue->FirstTimerFault(var->var_id); };
 
-  std::pair<uint32_t, uint32_t> pos{0, 0};
-  bool found;
-  {
-    std::lock_guard<std::mutex> lock(values_mutex_);
-    found = parser.GetVarPosOffset(cmd, var->var_id, static_cast<uint32_t>(output.size()), pos);
+  TableHost host(*this);
+  std::string fault;
+  switch (varkel::CutValue(host, parser, *var, cmd, output, slice, &fault)) {
+    case varkel::CutResult::kStored:
+      return true;
+    case varkel::CutResult::kNoPosition:
+      if (report()) emit sendLogMessage("get <start_pos, offset> failed!", "ERROR");
+      return false;
+    case varkel::CutResult::kOutsideReply:
+      if (report()) emit sendLogMessage("get var pos offset failed!", "ERROR");
+      return false;
+    case varkel::CutResult::kBadValue:
+      if (report()) LOG_ERROR("%s", fault.c_str());
+      return false;
   }
-  if (!found) {
-    if (report()) emit sendLogMessage("get <start_pos, offset> failed!", "ERROR");
-    return false;
-  }
-  if (pos.second == 0 || static_cast<uint64_t>(pos.first) + pos.second > output.size()) {
-    if (report()) emit sendLogMessage("get var pos offset failed!", "ERROR");
-    return false;
-  }
-  slice.assign(output.begin() + pos.first, output.begin() + pos.first + pos.second);
-
-  const varkel::ValueText text = varkel::BytesToValueText(var->var_type, slice, var->coefficient);
-  if (!text.ok) {
-    if (report()) LOG_ERROR("%s", text.text.c_str());
-    return false;
-  }
-  StoreReadValue(var, text.text);
-  return true;
+  return false;
 }
 
 void VarkelManager::GetLidarModuleInfo(int module) {
@@ -164,17 +144,15 @@ void VarkelManager::GetLidarModuleInfo(int module) {
   const auto& modules = catalogue->parser->module_vars;
   if (module < 0 || module >= static_cast<int>(modules.size())) return;
 
-  ReadGroups groups;
-  for (const auto& group : modules[module])
-    for (VarInfo* var : group)
-      if (!var->get_cmd.empty()) AddToGroups(groups, var);
-  for (const auto& group : groups) {
+  std::vector<VarInfo*> page;
+  for (const auto& group : modules[module]) page.insert(page.end(), group.begin(), group.end());
+  for (const varkel::ReadGroup& group : varkel::GroupForReading(page)) {
     try {
       // 0x23 is read as an ordinary get here (its channel byte), never through the
       // multi-range read, so a page read cannot replace angles the user is editing.
-      GetInfoFromLidarWithSameCmd(group.second, false);
+      GetInfoFromLidarWithSameCmd(group.vars, false);
     } catch (const std::exception& e) {
-      Trace("GetLidarModuleInfo", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.first + "\n");
+      Trace("GetLidarModuleInfo", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.key + "\n");
     }
   }
   emit myMapChanged();
@@ -198,22 +176,22 @@ void VarkelManager::updatePagesTimer() {
   while (page_timer_flag_.load()) {
     auto catalogue = Catalogue();
     const int module = module_index_use_.load();
-    ReadGroups groups;
+    std::vector<VarInfo*> timed;
     if (catalogue && catalogue->parser && module >= 0 &&
         module < static_cast<int>(catalogue->parser->module_vars.size())) {
       for (const auto& group : catalogue->parser->module_vars[module])
         for (VarInfo* var : group)
-          if (var->timer_update && !var->get_cmd.empty()) AddToGroups(groups, var);
+          if (var->timer_update) timed.push_back(var);
     }
     bool read_any = false;
-    for (const auto& group : groups) {
+    for (const varkel::ReadGroup& group : varkel::GroupForReading(timed)) {
       // A disconnect need not wait for the rest of a slow round.
       if (!page_timer_flag_.load()) break;
       read_any = true;
       try {
-        GetInfoFromLidarWithSameCmd(group.second, false, true);
+        GetInfoFromLidarWithSameCmd(group.vars, false, true);
       } catch (const std::exception& e) {
-        Trace("updatePagesTimer", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.first + "\n");
+        Trace("updatePagesTimer", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.key + "\n");
       }
     }
     if (read_any) emit myTimerMapChanged();

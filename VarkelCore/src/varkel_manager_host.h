@@ -1,0 +1,42 @@
+#pragma once
+// How the shared reads and writes (variable_io.h) reach the controller's table: values under
+// its value lock, reads that keep the user's pending edits, the edited field-of-view
+// angles, and diagnostics on Qt's debug output. Private to the controller's sources.
+
+#include <QDebug>
+
+#include <algorithm>
+#include <mutex>
+
+#include "config_parser.h"
+#include "variable_io.h"
+#include "varkel_manager.h"
+
+class VarkelManager::TableHost : public varkel::TableHost {
+ public:
+  explicit TableHost(VarkelManager& manager) : m_(manager) {}
+
+  std::string Value(const VarInfo& var) override { return m_.ValueOf(&var); }
+  void StoreRead(VarInfo& var, const std::string& text) override { m_.StoreReadValue(&var, text); }
+  bool Position(ConfigParser& parser, const std::string& cmd, const std::string& var_id, uint32_t payload_length,
+                std::pair<uint32_t, uint32_t>& pos) override {
+    std::lock_guard<std::mutex> lock(m_.values_mutex_);
+    return parser.GetVarPosOffset(cmd, var_id, payload_length, pos);
+  }
+  // Through the controller's own group read, with its log lines and edit keeping.
+  int Refresh(quarn::lidar::KtcClient&, ConfigParser&, const std::vector<VarInfo*>& vars) override {
+    return m_.GetInfoFromLidarWithSameCmd(vars, false);
+  }
+  std::array<float, quarn::lidar::kFovRanges> FovValues() override {
+    std::array<float, quarn::lidar::kFovRanges> values{};
+    std::lock_guard<std::mutex> lock(m_.fields_mutex_);
+    std::copy_n(m_.fov_.begin(), quarn::lidar::kFovRanges, values.begin());
+    return values;
+  }
+  void Trace(const std::string& text) override {
+    qDebug().noquote() << QString::fromStdString("VarkelManager::Run" + text);
+  }
+
+ private:
+  VarkelManager& m_;
+};
