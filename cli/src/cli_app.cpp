@@ -1,0 +1,98 @@
+// The command line of varkel-cli: options, subcommands, and the mapping of failures to one
+// line on standard error and an exit status.
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+
+#include "commands.h"
+
+namespace varkel::cli {
+
+int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+  Context ctx;
+  ctx.out = &out;
+  ctx.err = &err;
+  // The window's last connection is the default, as the window itself starts with it.
+  ApplySettingsFile(SettingsFilePath(), ctx.connection);
+
+  CLI::App app{"Inspect and configure lidar sensors from a terminal.", "varkel-cli"};
+  app.require_subcommand(1, 1);
+  // Connection options may stand before or after the command.
+  app.fallthrough();
+  // A later option wins, so a script can override what an alias put first.
+  app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  ConnectionOptions& c = ctx.connection;
+  app.add_option("--model", c.model, "model table to use")->capture_default_str();
+  app.add_option("--host", c.host, "sensor address (default from the window's settings)")->capture_default_str();
+  app.add_option("--port", c.port, "KTC port")->capture_default_str();
+  app.add_option("--ktc-version", c.ktc_version, "KTC frame version")
+      ->check(CLI::IsMember({1, 2}))
+      ->capture_default_str();
+  app.add_option("--timeout", c.timeout_ms, "reply and connect time-out in ms")
+      ->check(CLI::Range(1u, 600000u))
+      ->capture_default_str();
+  app.add_option("--config-dir", c.config_dir, "folder of the model tables");
+  app.add_flag("--json", ctx.json, "machine-readable output");
+
+  std::function<int()> action;
+
+  app.add_subcommand("models", "list the models whose tables are installed")->callback([&] {
+    action = [&] { return Models(ctx); };
+  });
+  app.add_subcommand("info", "serial number, part number and versions")->callback([&] {
+    action = [&] { return Info(ctx); };
+  });
+
+  std::vector<std::string> keys;
+  auto* get = app.add_subcommand("get", "read every readable variable, or the ones named");
+  get->add_option("variables", keys, "variable names or ids (\"7-1\")");
+  get->callback([&] { action = [&] { return Get(ctx, keys); }; });
+
+  std::vector<std::string> assignments;
+  bool force = false;
+  auto* set = app.add_subcommand("set", "write variables as the window's Save does, then read them back");
+  set->add_option("assignments", assignments, "NAME=VALUE (name or id)")->required();
+  set->add_flag("--force", force, "write values outside their range or options");
+  set->callback([&] { action = [&] { return Set(ctx, assignments, force); }; });
+
+  std::string file;
+  auto* backup = app.add_subcommand("backup", "save every readable variable to a file");
+  backup->add_option("file", file, "backup file (JSON)")->required();
+  backup->callback([&] { action = [&] { return Backup(ctx, file); }; });
+
+  bool all = false;
+  auto* diff = app.add_subcommand("diff", "compare the sensor with a backup (exit status 1 when they differ)");
+  diff->add_option("file", file, "backup file")->required();
+  diff->add_flag("--all", all, "compare read-only variables too");
+  diff->callback([&] { action = [&] { return Diff(ctx, file, all); }; });
+
+  bool dry_run = false;
+  auto* restore = app.add_subcommand("restore", "write the backup's values that differ, then read them back");
+  restore->add_option("file", file, "backup file")->required();
+  restore->add_flag("--dry-run", dry_run, "only list what would be written");
+  restore->add_flag("--force", force, "restore a backup of another model, or values outside their range");
+  restore->callback([&] { action = [&] { return Restore(ctx, file, dry_run, force); }; });
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e, out, err);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e, out, err);
+  } catch (const CLI::ParseError& e) {
+    err << "varkel-cli: " << e.what() << "\n";
+    return kExitBadInput;
+  }
+  try {
+    return action ? action() : kExitBadInput;
+  } catch (const CliError& e) {
+    err << "varkel-cli: " << e.what() << "\n";
+    return e.status();
+  } catch (const std::exception& e) {
+    err << "varkel-cli: " << e.what() << "\n";
+    return kExitSensor;
+  }
+}
+
+}  // namespace varkel::cli

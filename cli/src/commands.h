@@ -1,0 +1,32 @@
+#pragma once
+// The commands of varkel-cli. Each writes its result to `out` (a table or JSON), returns
+// its exit status, and throws CliError with the one line to show when it cannot do its job.
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "cli_session.h"
+
+namespace varkel::cli {
+
+struct Context {
+  ConnectionOptions connection;
+  bool json = false;
+  std::ostream* out = nullptr;
+  std::ostream* err = nullptr;
+};
+
+int Models(const Context& ctx);
+int Info(const Context& ctx);
+int Get(const Context& ctx, const std::vector<std::string>& keys);
+int Set(const Context& ctx, const std::vector<std::string>& assignments, bool force);
+int Backup(const Context& ctx, const std::string& file);
+// Writable variables only unless `all`: read-only ones (run times, temperatures) move.
+int Diff(const Context& ctx, const std::string& file, bool all);
+int Restore(const Context& ctx, const std::string& file, bool dry_run, bool force);
+
+// Runs the command line; the program's main and the tests call it alike.
+int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
+
+}  // namespace varkel::cli
