@@ -112,11 +112,11 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
       ->capture_default_str();
   upgrade->callback([&] { action = [&] { return Upgrade(ctx, file, upgrade_var, !no_restart, wait_s); }; });
 
-  std::string spec, ports;
+  std::string network, ports;
   auto* scan = app.add_subcommand("scan", "which addresses answer KTC, and why the others do not");
-  scan->add_option("host", spec, "HOST or HOST/PREFIX (/24 at most)")->required();
+  scan->add_option("host", network, "HOST or HOST/PREFIX (/24 at most)")->required();
   scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
-  scan->callback([&] { action = [&] { return Scan(ctx, spec, ports); }; });
+  scan->callback([&] { action = [&] { return Scan(ctx, network, ports); }; });
 
   try {
     app.parse(argc, argv);

@@ -35,7 +35,7 @@ int Logs(const Context& ctx, const std::string& dir, bool operation);
 // The file on the upgrade row's command (or `var_name`'s), then, after `wait_s`, a restart.
 int Upgrade(const Context& ctx, const std::string& file, const std::string& var_name, bool restart, unsigned wait_s);
 // Which addresses of HOST[/PREFIX] answer KTC on `ports` ("9347,9348"; empty: the connection's port).
-int Scan(const Context& ctx, const std::string& spec, const std::string& ports);
+int Scan(const Context& ctx, const std::string& network, const std::string& ports);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);

@@ -165,15 +165,15 @@ Finding Examine(const Context& ctx, const Target& target) {
   return finding;
 }
 
-std::vector<std::string> Addresses(const std::string& spec) {
-  const size_t slash = spec.find('/');
-  const std::string host = spec.substr(0, slash);
+std::vector<std::string> Addresses(const std::string& network) {
+  const size_t slash = network.find('/');
+  const std::string host = network.substr(0, slash);
   in_addr address{};
   if (::inet_pton(AF_INET, host.c_str(), &address) != 1)
     throw CliError(kExitBadInput, "'" + host + "' is no IPv4 address");
   int prefix = 32;
   if (slash != std::string::npos) {
-    const std::string text = spec.substr(slash + 1);
+    const std::string text = network.substr(slash + 1);
     if (text.empty() || text.size() > 2 || !std::all_of(text.begin(), text.end(), ::isdigit))
       throw CliError(kExitBadInput, "'/" + text + "' is no prefix length");
     prefix = std::stoi(text);
@@ -215,8 +215,8 @@ std::vector<uint16_t> Ports(const std::string& list, uint16_t fallback) {
 
 }  // namespace
 
-int Scan(const Context& ctx, const std::string& spec, const std::string& port_list) {
-  const std::vector<std::string> addresses = Addresses(spec);
+int Scan(const Context& ctx, const std::string& network, const std::string& port_list) {
+  const std::vector<std::string> addresses = Addresses(network);
   const std::vector<uint16_t> ports = Ports(port_list, ctx.connection.port);
   std::vector<Target> targets;
   for (const std::string& address : addresses)
@@ -263,7 +263,7 @@ int Scan(const Context& ctx, const std::string& spec, const std::string& port_li
     *ctx.out << answering << " of " << targets.size() << " answer KTC\n";
   }
   // A script asking "is there a sensor?" gets its answer from the status alone.
-  if (answering == 0) throw CliError(kExitSensor, "no address of " + spec + " answers KTC");
+  if (answering == 0) throw CliError(kExitSensor, "no address of " + network + " answers KTC");
   return 0;
 }
 
