@@ -12,47 +12,20 @@
 #include <stdexcept>
 
 #include "ktc_client.h"
-#include "ktc_command_text.h"
 #include "log_file_name.h"
+#include "maintenance_command.h"
 #include "var_info.h"
 #include "varkel_manager.h"
 
 using quarn::lidar::KtcClient;
-using quarn::lidar::KtcCommandText;
 
 namespace {
 
 constexpr int kTarTimeoutMs = 30000;
 
-struct OperationLogPart {
-  const char* prefix;
-  uint8_t selector[2];
-};
-constexpr std::array<OperationLogPart, 4> kOperationLogParts{{{"bsw_warning_", {0x00, 0x00}},
-                                                              {"asw_warning_", {0x00, 0x01}},
-                                                              {"bsw_error_", {0x01, 0x00}},
-                                                              {"asw_error_", {0x01, 0x01}}}};
-
 // A file URL as a local path; a URL without scheme is taken as a path as it stands.
 QString LocalPath(const QUrl& url) {
   return url.isLocalFile() ? url.toLocalFile() : url.toString();
-}
-
-// What a variable sends: the command of its text and its payload.
-struct NamedCommand {
-  KtcCommandText command;
-  std::vector<uint8_t> payload;
-};
-
-// A variable's command and request payload, `extra` after the variable's own payload.
-// Logs are read with their get command; a table may give only a set command.
-NamedCommand CommandOf(const VarInfo& var, const std::vector<uint8_t>& extra) {
-  const std::string& text = var.get_cmd.empty() ? var.set_cmd : var.get_cmd;
-  KtcCommandText command;
-  if (!quarn::lidar::ParseKtcCommandText(text, command)) throw std::invalid_argument("invalid stoi argument");
-  std::vector<uint8_t> payload = var.get_cmd_payload_bytes;
-  payload.insert(payload.end(), extra.begin(), extra.end());
-  return NamedCommand{command, quarn::lidar::BuildCommandPayload(command, payload)};
 }
 
 }  // namespace
@@ -90,15 +63,13 @@ int VarkelManager::RestartOrReset(bool reset) {
       setErrorMsg(QString("Can not find %1 command").arg(what));
       return -1;
     }
-    KtcCommandText command;
-    if (!quarn::lidar::ParseKtcCommandText(text, command)) throw std::invalid_argument("invalid stoi argument");
+    const varkel::NamedCommand named = varkel::ActionCommandOf(*var);
     auto client = KtcClientHandle();
     if (!client) return -1;
     // Silent: the sensor goes away right after answering; its bytes are of no interest.
     const bool log_bytes = log_bytes_flow_.exchange(false);
     std::vector<uint8_t> reply;
-    const int ret = client->QueryCommand(quarn::lidar::BuildCommandPayload(command, var->get_cmd_payload_bytes), reply,
-                                         command.cmd);
+    const int ret = client->QueryCommand(named.payload, reply, named.command.cmd);
     log_bytes_flow_.store(log_bytes);
     if (ret == 0) {
       Stop();
@@ -147,7 +118,7 @@ void VarkelManager::DownloadLogWorker(const QUrl& fileUrl, const QString& type) 
     } else if (var->get_cmd.empty() && var->set_cmd.empty()) {
       setErrorMsg("Can not find " + type + " command");
     } else {
-      const NamedCommand named = CommandOf(*var, {});
+      const varkel::NamedCommand named = varkel::LogCommandOf(*var, {});
       auto client = KtcClientHandle();
       const int ret = client ? client->DownloadQuery(named.payload, reply, named.command.cmd) : -1;
       if (ret == -1) {
@@ -194,8 +165,8 @@ void VarkelManager::DownloadOperationLogThread(QUrl fileUrl) {
       auto client = KtcClientHandle();
       bool all_fetched = client != nullptr;
       QStringList files;
-      for (const OperationLogPart& part : kOperationLogParts) {
-        const NamedCommand named = CommandOf(*var, {part.selector[0], part.selector[1]});
+      for (const varkel::OperationLogPart& part : varkel::kOperationLogParts) {
+        const varkel::NamedCommand named = varkel::LogCommandOf(*var, {part.selector[0], part.selector[1]});
         std::vector<uint8_t> reply;
         const int ret = client ? client->DownloadQuery(named.payload, reply, named.command.cmd) : -1;
         if (ret == -1) all_fetched = false;

@@ -3,7 +3,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <unistd.h>
+
 #include <functional>
+#include <iostream>
 
 #include "commands.h"
 
@@ -13,6 +16,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   Context ctx;
   ctx.out = &out;
   ctx.err = &err;
+  ctx.terminal = &err == &std::cerr && ::isatty(STDERR_FILENO);
   // The window's last connection is the default, as the window itself starts with it.
   ApplySettingsFile(SettingsFilePath(), ctx.connection);
 
@@ -73,6 +77,46 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   restore->add_flag("--dry-run", dry_run, "only list what would be written");
   restore->add_flag("--force", force, "restore a backup of another model, or values outside their range");
   restore->callback([&] { action = [&] { return Restore(ctx, file, dry_run, force); }; });
+
+  std::string cmd_text;
+  std::vector<std::string> payload;
+  auto* console = app.add_subcommand("console", "send one command as the window's console does");
+  console->add_option("cmd", cmd_text, "command byte, hexadecimal (\"13\" or \"0x13\")")->required();
+  console->add_option("payload", payload, "payload bytes, hexadecimal, one blank apart (\"0A 01\" or 0A 01)");
+  console->callback([&] { action = [&] { return Console(ctx, cmd_text, payload); }; });
+
+  app.add_subcommand("restart", "restart the sensor")->callback([&] {
+    action = [&] { return RestartOrReset(ctx, false, false); };
+  });
+  bool yes = false;
+  auto* reset = app.add_subcommand("reset", "return every setting to its factory value, then restart");
+  reset->add_flag("--yes", yes, "agree to losing the sensor's configuration");
+  reset->callback([&] { action = [&] { return RestartOrReset(ctx, true, yes); }; });
+
+  std::string dir;
+  bool operation = false;
+  auto* logs = app.add_subcommand("logs", "download every log of the table into a folder");
+  logs->add_option("dir", dir, "folder for the log files")->required();
+  logs->add_flag("--operation", operation, "the operation log's four parts, as one tar archive");
+  logs->callback([&] { action = [&] { return Logs(ctx, dir, operation); }; });
+
+  std::string upgrade_var;
+  bool no_restart = false;
+  unsigned wait_s = 10;
+  auto* upgrade = app.add_subcommand("upgrade", "send a firmware file, then restart the sensor");
+  upgrade->add_option("file", file, "firmware file")->required();
+  upgrade->add_option("--var", upgrade_var, "the variable whose command carries the file (default: the upgrade row)");
+  upgrade->add_flag("--no-restart", no_restart, "leave the restart to the user");
+  upgrade->add_option("--wait", wait_s, "seconds between the transfer and the restart")
+      ->check(CLI::Range(0u, 600u))
+      ->capture_default_str();
+  upgrade->callback([&] { action = [&] { return Upgrade(ctx, file, upgrade_var, !no_restart, wait_s); }; });
+
+  std::string network, ports;
+  auto* scan = app.add_subcommand("scan", "which addresses answer KTC, and why the others do not");
+  scan->add_option("host", network, "HOST or HOST/PREFIX (/24 at most)")->required();
+  scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
+  scan->callback([&] { action = [&] { return Scan(ctx, network, ports); }; });
 
   try {
     app.parse(argc, argv);

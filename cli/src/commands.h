@@ -13,6 +13,7 @@ namespace varkel::cli {
 struct Context {
   ConnectionOptions connection;
   bool json = false;
+  bool terminal = false;  // standard error is a terminal: progress as a bar
   std::ostream* out = nullptr;
   std::ostream* err = nullptr;
 };
@@ -25,6 +26,16 @@ int Backup(const Context& ctx, const std::string& file);
 // Writable variables only unless `all`: read-only ones (run times, temperatures) move.
 int Diff(const Context& ctx, const std::string& file, bool all);
 int Restore(const Context& ctx, const std::string& file, bool dry_run, bool force);
+// A command byte and payload bytes as hexadecimal text; the reply's header and payload.
+int Console(const Context& ctx, const std::string& cmd, const std::vector<std::string>& payload);
+// Reset only with `yes`: it returns every setting to its factory value.
+int RestartOrReset(const Context& ctx, bool reset, bool yes);
+// Every log of the table into `dir`; with `operation` the operation log's four parts as a tar archive.
+int Logs(const Context& ctx, const std::string& dir, bool operation);
+// The file on the upgrade row's command (or `var_name`'s), then, after `wait_s`, a restart.
+int Upgrade(const Context& ctx, const std::string& file, const std::string& var_name, bool restart, unsigned wait_s);
+// Which addresses of HOST[/PREFIX] answer KTC on `ports` ("9347,9348"; empty: the connection's port).
+int Scan(const Context& ctx, const std::string& network, const std::string& ports);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);

@@ -13,60 +13,12 @@
 
 #include <nlohmann/json.hpp>
 
-#include "commands.h"
-#include "virtual_lidar.h"
+#include "cli_fixture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using namespace varkel::cli::testing;
 using Json = nlohmann::json;
-
-const std::string kTables = std::string(VARKEL_SOURCE_DIR) + "/Config/varID";
-
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-class CliTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char dir[] = "/tmp/varkel-cli-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(dir), nullptr);
-    home_ = dir;
-    ::setenv("HOME", home_.c_str(), 1);
-    ::unsetenv("XDG_CONFIG_HOME");
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
-    sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    ASSERT_TRUE(sim_->Start(&error)) << error;
-  }
-  void TearDown() override {
-    sim_->Stop();
-    fs::remove_all(home_);
-  }
-
-  // The command with the connection to the virtual lidar and the shipped tables.
-  Result Run(std::vector<std::string> args, bool connect = true) {
-    std::vector<std::string> all{"varkel-cli", "--config-dir", kTables};
-    if (connect) all.insert(all.end(), {"--host", "127.0.0.1", "--port", std::to_string(sim_->port())});
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<const char*> argv;
-    for (const std::string& a : all) argv.push_back(a.c_str());
-    std::ostringstream out, err;
-    const int status = varkel::cli::RunCli(static_cast<int>(argv.size()), argv.data(), out, err);
-    return {status, out.str(), err.str()};
-  }
-  std::string File(const std::string& name) { return home_ + "/" + name; }
-
-  std::string home_;
-  std::unique_ptr<varkel::sim::VirtualLidar> sim_;
-};
 
 TEST_F(CliTest, BackupSetDiffRestoreRoundTrip) {
   ASSERT_EQ(Run({"backup", File("b.json")}).status, 0);

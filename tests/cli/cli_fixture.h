@@ -1,0 +1,86 @@
+#pragma once
+// The fixture of varkel-cli's tests: the virtual lidar of the default model in-process on
+// an ephemeral port, a private home folder, and the program's entry run with arguments.
+
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands.h"
+#include "virtual_lidar.h"
+
+namespace varkel::cli::testing {
+
+namespace fs = std::filesystem;
+
+inline const std::string kTables = std::string(VARKEL_SOURCE_DIR) + "/Config/varID";
+
+struct Result {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+class CliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/varkel-cli-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    home_ = dir;
+    ::setenv("HOME", home_.c_str(), 1);
+    ::unsetenv("XDG_CONFIG_HOME");
+    varkel::sim::SimOptions o;
+    o.model = "Quenta";
+    o.config_dir = kTables;
+    o.port = 0;
+    o.live_values = false;
+    sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
+    std::string error;
+    ASSERT_TRUE(sim_->Start(&error)) << error;
+  }
+  void TearDown() override {
+    sim_->Stop();
+    fs::remove_all(home_);
+  }
+
+  // The command with the connection to the virtual lidar and the shipped tables.
+  Result Run(std::vector<std::string> args, bool connect = true) {
+    std::vector<std::string> all{"varkel-cli", "--config-dir", kTables};
+    if (connect) all.insert(all.end(), {"--host", "127.0.0.1", "--port", std::to_string(sim_->port())});
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<const char*> argv;
+    for (const std::string& a : all) argv.push_back(a.c_str());
+    std::ostringstream out, err;
+    const int status = varkel::cli::RunCli(static_cast<int>(argv.size()), argv.data(), out, err);
+    return {status, out.str(), err.str()};
+  }
+  std::string File(const std::string& name) { return home_ + "/" + name; }
+  // The sensor counts a restart once it has dropped its connections, after its reply.
+  bool RestartsReach(uint64_t count, int ms = 5000) {
+    for (int waited = 0; waited < ms && sim_->RestartCount() < count; waited += 10)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return sim_->RestartCount() == count;
+  }
+  // After a restart: whether the sensor listens again within `ms`.
+  bool ListensWithin(int ms) {
+    for (int waited = 0; waited < ms; waited += 20) {
+      if (TcpReachable("127.0.0.1", sim_->port(), 200).empty()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  }
+
+  std::string home_;
+  std::unique_ptr<varkel::sim::VirtualLidar> sim_;
+};
+
+}  // namespace varkel::cli::testing

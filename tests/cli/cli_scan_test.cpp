@@ -1,0 +1,162 @@
+// varkel-cli scan on loopback: a sensor of each frame version, a closed port, a listener
+// that never answers and one that answers something else.
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "cli_fixture.h"
+
+namespace {
+
+using namespace varkel::cli::testing;
+using Json = nlohmann::json;
+
+class CliScanTest : public CliTest {};
+
+// A loopback listening socket on a free port; `reply` (when not empty) is written to each
+// connection as soon as it is accepted, and anything it sends is never answered otherwise.
+class Listener {
+ public:
+  explicit Listener(std::string reply = "") : reply_(std::move(reply)) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(address);
+    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(::listen(fd_, 16), 0);
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &len);
+    port_ = ntohs(address.sin_port);
+    if (!reply_.empty())
+      thread_ = std::thread([this] {
+        while (true) {
+          const int c = ::accept(fd_, nullptr, nullptr);
+          if (c < 0 || stop_) {
+            if (c >= 0) ::close(c);
+            return;
+          }
+          (void)!::write(c, reply_.data(), reply_.size());
+          accepted_.push_back(c);
+        }
+      });
+  }
+  ~Listener() {
+    stop_ = true;
+    ::shutdown(fd_, SHUT_RDWR);
+    if (thread_.joinable()) thread_.join();
+    ::close(fd_);
+    for (int c : accepted_) ::close(c);
+  }
+  uint16_t port() const { return port_; }
+
+ private:
+  std::string reply_;
+  int fd_ = -1;
+  uint16_t port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+  std::vector<int> accepted_;
+};
+
+// A port nothing listens on: bound for a moment, then let go.
+uint16_t ClosedPort() {
+  Listener gone;
+  return gone.port();
+}
+
+TEST_F(CliScanTest, ScanTellsSensorsFromClosedSilentAndForeignPorts) {
+  varkel::sim::SimOptions o;
+  o.model = "Quenta";
+  o.config_dir = kTables;
+  o.port = 0;
+  o.ktc_version = 2;
+  o.live_values = false;
+  varkel::sim::VirtualLidar v2(o);
+  std::string error;
+  ASSERT_TRUE(v2.Start(&error)) << error;
+  Listener silent;
+  Listener foreign("HTTP/1.0 400 Bad Request\r\n\r\n");
+  const uint16_t closed = ClosedPort();
+
+  const std::string ports = std::to_string(sim_->port()) + "," + std::to_string(v2.port()) + "," +
+                            std::to_string(closed) + "," + std::to_string(silent.port()) + "," +
+                            std::to_string(foreign.port());
+  Result scan = Run({"--json", "--timeout", "300", "scan", "127.0.0.1/32", "--ports", ports}, false);
+  ASSERT_EQ(scan.status, 0) << scan.err;
+  Json rows = Json::parse(scan.out);
+  ASSERT_EQ(rows.size(), 5u) << scan.out;
+  for (Json& row : rows) {
+    EXPECT_EQ(row["address"], "127.0.0.1");
+    if (row.contains("rtt_ms")) {
+      EXPECT_GT(row["rtt_ms"].get<double>(), 0.0);
+      EXPECT_LT(row["rtt_ms"].get<double>(), 300.0);
+      row.erase("rtt_ms");
+    }
+  }
+  const std::string pn = sim_->Value("PN");
+  EXPECT_EQ(rows[0],
+            (Json{{"address", "127.0.0.1"}, {"port", sim_->port()}, {"status", "KTC 1.0"}, {"part_number", pn}}));
+  EXPECT_EQ(rows[1], (Json{{"address", "127.0.0.1"}, {"port", v2.port()}, {"status", "KTC 2.0"}, {"part_number", pn}}));
+  EXPECT_EQ(rows[2], (Json{{"address", "127.0.0.1"}, {"port", closed}, {"status", "refused"}}));
+  EXPECT_EQ(rows[3], (Json{{"address", "127.0.0.1"},
+                           {"port", silent.port()},
+                           {"status", "silent"},
+                           {"detail", "connected, no reply within 300 ms"}}));
+  EXPECT_EQ(rows[4], (Json{{"address", "127.0.0.1"},
+                           {"port", foreign.port()},
+                           {"status", "not KTC"},
+                           {"detail", "answered 48 54 54 50 2F 31 2E 30"}}));
+
+  // Nothing answering is a failure a script can test for.
+  Result none = Run({"--timeout", "300", "scan", "127.0.0.1", "--ports", std::to_string(closed)}, false);
+  EXPECT_EQ(none.status, 3);
+  EXPECT_NE(none.out.find("127.0.0.1:" + std::to_string(closed) + "  refused"), std::string::npos) << none.out;
+  EXPECT_EQ(none.err, "varkel-cli: no address of 127.0.0.1 answers KTC\n");
+  v2.Stop();
+}
+
+TEST_F(CliScanTest, ScanRefusesWideNetworksAndBadPortsBeforeSendingAnything) {
+  const struct {
+    std::vector<std::string> args;
+    std::string says;
+  } cases[] = {
+      {{"scan", "10.0.0.0/16"}, "/16 is too wide: /24 at most"},
+      {{"scan", "10.0.0.0/33"}, "'/33' is no prefix length"},
+      {{"scan", "10.0.0.0/"}, "'/' is no prefix length"},
+      {{"scan", "sensor.local"}, "'sensor.local' is no IPv4 address"},
+      {{"scan", "127.0.0.1", "--ports", "80,x"}, "'x' in --ports is no port"},
+      {{"scan", "127.0.0.1", "--ports", "0"}, "'0' in --ports is no port"},
+      {{"scan", "127.0.0.1", "--ports", "1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17"}, "17 ports, 16 at most"},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.args, false);
+    EXPECT_EQ(r.status, 2) << c.args[1];
+    EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
+  }
+}
+
+TEST_F(CliScanTest, ScanOfAPrefixVisitsEveryHostAddressInParallel) {
+  // 127.0.0.0/29: six host addresses, all on loopback; only .1 runs the sensor. Done in
+  // parallel, six closed ports answer about at once, far inside one time-out each.
+  Result scan = Run({"--json", "scan", "127.0.0.1/29", "--ports", std::to_string(sim_->port())}, false);
+  ASSERT_EQ(scan.status, 0) << scan.err;
+  const Json rows = Json::parse(scan.out);
+  ASSERT_EQ(rows.size(), 6u);
+  for (size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(rows[i]["address"], "127.0.0." + std::to_string(i + 1));
+    EXPECT_EQ(rows[i]["status"], i == 0 ? "KTC 1.0" : "refused") << rows[i];
+  }
+}
+
+}  // namespace
