@@ -48,9 +48,12 @@ RegisterBank::RegisterBank(std::vector<BankVariable> vars, std::string model, bo
     if (!bytes) bytes = EncodeValueText(v.def.var_type, PlausibleText(v.def), v.store_coef, len);
     v.bytes = bytes ? *bytes : std::vector<uint8_t>(len, 0);
     v.default_bytes = v.bytes;
-    if (v.def.var_type == "DT") {
+    // Only measurements move: a setting (a variable the sensor lets one write) keeps the
+    // value written, or a backup could never be restored to an identical sensor.
+    const bool measurement = v.def.set_cmd.empty();
+    if (measurement && v.def.var_type == "DT") {
       v.motion = Motion::kCountUp;
-    } else if (IsNumericType(v.def.var_type) && NameHas(v.def, "temp")) {
+    } else if (measurement && IsNumericType(v.def.var_type) && NameHas(v.def, "temp")) {
       v.motion = Motion::kDrift;
     }
     const size_t index = vars_.size();

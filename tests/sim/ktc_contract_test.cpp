@@ -332,6 +332,18 @@ TEST(SimStart, LiveValuesMove) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(live->Value("Run Time").rfind("0 h 0 min ", 0), 0u);
   EXPECT_NE(live->Value("Run Time"), "0 h 0 min 0 s");
+
+  // Temperatures the sensor measures drift; a temperature one sets is a setting and stays.
+  auto quenta_options = Options("Quenta", simtest::kShippedTableDir);
+  quenta_options.live_values = true;
+  auto quenta = StartSim(quenta_options);
+  const std::string threshold = quenta->Value("Overtemperature Threshold");
+  const std::string board = quenta->Value("Main Board Temperature");
+  const auto drift_end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (std::chrono::steady_clock::now() < drift_end && quenta->Value("Main Board Temperature") == board)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_NE(quenta->Value("Main Board Temperature"), board);
+  EXPECT_EQ(quenta->Value("Overtemperature Threshold"), threshold);
 }
 
 }  // namespace
