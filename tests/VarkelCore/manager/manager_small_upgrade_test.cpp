@@ -189,7 +189,7 @@ TEST_P(ZeltoLinks, RefusedSilentAndDroppedTransfersEndWithTheirCode) {
     const std::string text =
         "Upgrade package transfer failed or is terminated. error:" + std::to_string(GetParam() ? c.code : c.ktc_code);
     EXPECT_EQ(Error(), text);
-    EXPECT_TRUE(log_->Has("INFO: " + text));
+    EXPECT_TRUE(log_->WaitFor("INFO: " + text));  // the line follows the message
     EXPECT_FALSE(log_->Has("successMessageChanged"));
     ASSERT_FALSE(sim_->OtaRecords().empty());
     EXPECT_FALSE(sim_->OtaRecords().back().ok);

@@ -109,7 +109,7 @@ TEST_F(ManagerUpgrade, EveryFailingTransferEndsWithTheMessageAndTheFlagDown) {
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
     EXPECT_FALSE(m_->getIsUpgrading());
     EXPECT_EQ(Error(), kFailed);
-    EXPECT_TRUE(log_->Has(std::string("INFO: ") + kFailed));
+    EXPECT_TRUE(log_->WaitFor(std::string("INFO: ") + kFailed));  // the line follows the message
     EXPECT_FALSE(log_->Has("successMessageChanged"));
     EXPECT_EQ(m_->getUpgradeProgress(), c.failing_piece);
     EXPECT_FALSE(sim_->LastTransfer()->ok);
