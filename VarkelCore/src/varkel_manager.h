@@ -267,6 +267,9 @@ class VarkelManager : public QObject {
   void SetDownloadFlag(bool value);
   // Set by the upgrade for its whole run; emits isUpgradingChanged on a change.
   void SetUpgrading(bool value);
+  // Raises IsUpgrading (false when an upgrade runs already), sets the progress totals for a
+  // file of `file_size` bytes and waits the settle time.
+  bool BeginUpgrade(qint64 file_size);
   // The pause between a transmitted upgrade and the restart command (10 s). Tests shorten it.
   void SetRebootWait(std::chrono::milliseconds wait) { reboot_wait_ms_.store(wait.count()); }
   // The Marvo's settling pause after the change to upgrade mode (3 s). Tests shorten it.

@@ -62,20 +62,24 @@ int VarkelManager::UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3
   if (command.empty()) return 0;
 
   const QByteArray bytes = file.readAll();
-  // One upgrade at a time, even if two calls raced past the check above.
-  bool idle = false;
-  if (!is_upgrading_.compare_exchange_strong(idle, true)) return -1;
-  upgrade_progress_.store(0);
-  upgrade_progress_total_len_.store(static_cast<int>(bytes.size() / 1024));
-  emit isUpgradingChanged();
-
-  // Lets the page show the busy state before the first piece goes out.
-  QThread::msleep(kSettleMs);
+  if (!BeginUpgrade(bytes.size())) return -1;
   std::vector<uint8_t> data(bytes.begin(), bytes.end());
   StartWorker([this, data = std::move(data), command = std::move(command)]() mutable {
     UpgradeWorker(std::move(data), std::move(command));
   });
   return 0;
+}
+
+bool VarkelManager::BeginUpgrade(qint64 file_size) {
+  // One upgrade at a time, even if two calls raced past their entry checks.
+  bool idle = false;
+  if (!is_upgrading_.compare_exchange_strong(idle, true)) return false;
+  upgrade_progress_.store(0);
+  upgrade_progress_total_len_.store(static_cast<int>(file_size / 1024));
+  emit isUpgradingChanged();
+  // Lets the page show the busy state before the first piece goes out.
+  QThread::msleep(kSettleMs);
+  return true;
 }
 
 void VarkelManager::UpgradeWorker(std::vector<uint8_t> data, std::string command_text) {
@@ -133,16 +137,10 @@ int VarkelManager::ZeltoUpgradeLidar(QUrl fileUrl) {
   QFile file(LocalFile(fileUrl));
   if (!file.open(QIODevice::ReadOnly)) return 0;
   const QByteArray bytes = file.readAll();
-  bool idle = false;
-  if (!is_upgrading_.compare_exchange_strong(idle, true)) {
+  if (!BeginUpgrade(bytes.size())) {
     setErrorMsg(kZeltoNotReady);
     return -1;
   }
-  upgrade_progress_.store(0);
-  upgrade_progress_total_len_.store(static_cast<int>(bytes.size() / 1024));
-  emit isUpgradingChanged();
-
-  QThread::msleep(kSettleMs);
   std::vector<uint8_t> data(bytes.begin(), bytes.end());
   const int mode = upgrade_mode_.load();
   StartWorker(
@@ -210,16 +208,10 @@ int VarkelManager::MarvoUpgradeLidar(QUrl fileUrl) {
     setErrorMsg("Upgrade package too small");
     return -1;
   }
-  bool idle = false;
-  if (!is_upgrading_.compare_exchange_strong(idle, true)) {
+  if (!BeginUpgrade(bytes.size())) {
     setErrorMsg(kMarvoNotReady);
     return -1;
   }
-  upgrade_progress_.store(0);
-  upgrade_progress_total_len_.store(static_cast<int>(bytes.size() / 1024));
-  emit isUpgradingChanged();
-
-  QThread::msleep(kSettleMs);
   std::vector<uint8_t> data(bytes.begin(), bytes.end());
   StartWorker([this, data = std::move(data)]() mutable { MarvoUpgradeWorker(std::move(data)); });
   return 0;
