@@ -292,14 +292,10 @@ TEST_F(ManagerConsole, SerialLinesConsole) {
   varkel::sim::SmallSensorState state = sim_->SmallSensor();
   state.serial_number = "AB12";
   sim_->SetSmallSensor(state);
-  m_->setProperty("serial_port_485", QString::fromStdString(sim_->data_port_path()));
-  m_->setProperty("serial_port_232", QString::fromStdString(sim_->command_port_path()));
-  ASSERT_TRUE(m_->ConnectLidar());
-  ASSERT_TRUE(log_->Wait([&] { return m_->getIsConnected() && !m_->GetIsConnectingLidar(); }));
+  ASSERT_TRUE(ConnectSmallSensor(true));
   // The information thread's first round is over; its next query is seconds away.
-  ASSERT_TRUE(log_->Wait([&] {
-    return m_->getZeltoLidarVersionInfo().size() == 4 && m_->getZeltoLidarInfo()[3].toString() == "Normal";
-  }));
+  ASSERT_TRUE(log_->Wait(
+      [&] { return m_->getZeltoLidarVersionInfo().size() == 4 && m_->getZeltoLidarInfo()[3].toString() == "Normal"; }));
   const uint64_t before = sim_->SerialCommandCount(2);
 
   // Header: the reply body's length byte and echoed command; payload: the rest.

@@ -54,15 +54,7 @@ class SmallSensorTest : public vktest::ManagerTest {
     ASSERT_EQ(m_->getConnectType(), serial ? 1 : 2);
   }
 
-  bool ConnectSmall() {
-    if (serial_) {
-      m_->setProperty("serial_port_485", QString::fromStdString(sim_->data_port_path()));
-      m_->setProperty("serial_port_232", QString::fromStdString(sim_->command_port_path()));
-      if (!m_->ConnectLidar()) return false;
-      return log_->Wait([&] { return m_->getIsConnected() && !m_->GetIsConnectingLidar(); });
-    }
-    return Connect(*m_, *sim_, *log_);
-  }
+  bool ConnectSmall() { return ConnectSmallSensor(serial_); }
 
   // Waits for the information thread's first round (the serial number arrives first,
   // the versions last).

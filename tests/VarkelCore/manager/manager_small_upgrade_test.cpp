@@ -68,15 +68,7 @@ class SmallUpgradeTest : public vktest::ManagerTest {
     m_->SetOtaReplyTimeout(std::chrono::milliseconds(600));
   }
 
-  bool ConnectSmall() {
-    if (serial_) {
-      m_->setProperty("serial_port_485", QString::fromStdString(sim_->data_port_path()));
-      m_->setProperty("serial_port_232", QString::fromStdString(sim_->command_port_path()));
-      if (!m_->ConnectLidar()) return false;
-      return log_->Wait([&] { return m_->getIsConnected() && !m_->GetIsConnectingLidar(); });
-    }
-    return Connect(*m_, *sim_, *log_);
-  }
+  bool ConnectSmall() { return ConnectSmallSensor(serial_); }
 
   QUrl Write(const Bytes& b, const std::string& name = "fw.bin") {
     const QString path = QString::fromStdString(root_ + "/" + name);

@@ -178,6 +178,13 @@ bool ManagerTest::Connect() {
   return true;
 }
 
+bool ManagerTest::ConnectSmallSensor(bool serial) {
+  if (!serial) return Connect(*m_, *sim_, *log_);
+  m_->setProperty("serial_port_485", QString::fromStdString(sim_->data_port_path()));
+  m_->setProperty("serial_port_232", QString::fromStdString(sim_->command_port_path()));
+  return m_->ConnectLidar() && log_->Wait([&] { return m_->getIsConnected() && !m_->GetIsConnectingLidar(); });
+}
+
 }  // namespace vktest
 
 // Qt 5 from Debian is not built with ThreadSanitizer: its QMutex waits on futexes and its

@@ -85,6 +85,8 @@ class ManagerTest : public ::testing::Test {
   static bool Connect(VarkelManager& m, const varkel::sim::VirtualLidar& sim, SignalLog& log);
   // Connects m_ to sim_, then zeroes the counters and the log.
   bool Connect();
+  // A small sensor: over its two serial lines (pseudo-terminals), else over KTC.
+  bool ConnectSmallSensor(bool serial);
 
   std::string Value(const std::string& name) { return m_->searchVarPtr(name, "var_name")->current_val; }
   // The text the page shows for the variable at page, group, row.
