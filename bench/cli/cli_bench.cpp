@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "common/forked_simulator.h"
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
 
@@ -32,22 +33,6 @@ class BenchManager : public VarkelManager {
  public:
   BenchManager() : VarkelManager(true, "./Config/varID/Quenta.csv") {}
 };
-
-[[noreturn]] void RunSimulator(const std::string& config_dir, int port_fd, int stop_fd) {
-  varkel::sim::SimOptions options;
-  options.model = "Quenta";
-  options.config_dir = config_dir;
-  options.port = 0;
-  varkel::sim::VirtualLidar sim(options);
-  std::string error;
-  const uint16_t port = sim.Start(&error) ? sim.port() : 0;
-  if (write(port_fd, &port, sizeof port) != sizeof port) _exit(1);
-  char c;
-  while (read(stop_fd, &c, 1) > 0) {
-  }
-  sim.Stop();
-  _exit(0);
-}
 
 // Median milliseconds of `rounds` runs of `body`.
 double MedianMs(const std::function<void()>& body) {
@@ -65,18 +50,9 @@ double MedianMs(const std::function<void()>& body) {
 
 int main(int argc, char** argv) {
   const std::string tables = std::string(VARKEL_SOURCE_DIR) + "/Config/varID";
-  int port_pipe[2], stop_pipe[2];
-  if (pipe(port_pipe) != 0 || pipe(stop_pipe) != 0) return 1;
-  const pid_t child = fork();
-  if (child == 0) {
-    close(port_pipe[0]);
-    close(stop_pipe[1]);
-    RunSimulator(tables, port_pipe[1], stop_pipe[0]);
-  }
-  close(port_pipe[1]);
-  close(stop_pipe[0]);
-  uint16_t port = 0;
-  if (read(port_pipe[0], &port, sizeof port) != sizeof port || port == 0) return 1;
+  bench::ForkedSimulator simulator("Quenta", tables);
+  const uint16_t port = simulator.port();
+  if (port == 0) return 1;
 
   char home[] = "/tmp/vk-bench-home-XXXXXX";
   if (!mkdtemp(home)) return 1;
@@ -139,8 +115,6 @@ int main(int argc, char** argv) {
     }
     m.Stop();
   }
-  close(stop_pipe[1]);
-  waitpid(child, nullptr, 0);
 
   std::printf("every readable variable of Quenta (%zu variables), median of %d rounds:\n", vars.size(), kRounds);
   std::printf("  varkel-cli get, whole command:          %8.2f ms\n", command_ms);

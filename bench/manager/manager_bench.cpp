@@ -23,6 +23,7 @@
 #include <string>
 #include <thread>
 
+#include "common/forked_simulator.h"
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
 
@@ -47,27 +48,6 @@ std::string MakeTempDir(const char* prefix) {
   return templ;
 }
 
-// Child: serves the model until the parent closes the pipe. Returns the port via `port_fd`.
-[[noreturn]] void RunSimulator(const std::string& config_dir, int port_fd, int stop_fd) {
-  varkel::sim::SimOptions options;
-  options.model = "Quenta";
-  options.config_dir = config_dir;
-  options.port = 0;
-  varkel::sim::VirtualLidar sim(options);
-  std::string error;
-  uint16_t port = 0;
-  if (sim.Start(&error))
-    port = sim.port();
-  else
-    std::fprintf(stderr, "simulator: %s\n", error.c_str());
-  if (write(port_fd, &port, sizeof port) != sizeof port) _exit(1);
-  char c;
-  while (read(stop_fd, &c, 1) > 0) {
-  }
-  sim.Stop();
-  _exit(0);
-}
-
 bool WaitUntil(const std::function<bool()>& done, std::chrono::seconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (!done()) {
@@ -87,18 +67,9 @@ int main(int argc, char** argv) {
   QFile::copy(QString::fromStdString(source_tables + "/Quenta.csv"),
               QString::fromStdString(root + "/Config/varID/Quenta.csv"));
 
-  int port_pipe[2], stop_pipe[2];
-  if (pipe(port_pipe) != 0 || pipe(stop_pipe) != 0) return 1;
-  const pid_t child = fork();
-  if (child == 0) {
-    close(port_pipe[0]);
-    close(stop_pipe[1]);
-    RunSimulator(root + "/Config/varID", port_pipe[1], stop_pipe[0]);
-  }
-  close(port_pipe[1]);
-  close(stop_pipe[0]);
-  uint16_t port = 0;
-  if (read(port_pipe[0], &port, sizeof port) != sizeof port || port == 0) return 1;
+  bench::ForkedSimulator simulator("Quenta", root + "/Config/varID");
+  const uint16_t port = simulator.port();
+  if (port == 0) return 1;
 
   // Never the user's own settings file.
   const std::string home = MakeTempDir("vk-bench-home-");
@@ -178,7 +149,5 @@ int main(int argc, char** argv) {
       m.Stop();
     }
   }
-  close(stop_pipe[1]);
-  waitpid(child, nullptr, 0);
   return result;
 }
