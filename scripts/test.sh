@@ -33,4 +33,21 @@ runner=()
 # ThreadSanitizer cannot map its shadow memory under high-entropy address randomisation.
 if [ "$sanitize" = thread ] && command -v setarch >/dev/null 2>&1; then runner=(setarch "$(uname -m)" -R); fi
 
-"${runner[@]}" ctest --test-dir "$build" --output-on-failure -j"$jobs"
+# The fault-matrix tests leave one row each here; the grid is printed after the run.
+matrix="$build/test-logs/fault-matrix"
+rm -rf "$matrix"
+
+status=0
+"${runner[@]}" ctest --test-dir "$build" --output-on-failure -j"$jobs" || status=$?
+
+if compgen -G "$matrix/*.txt" >/dev/null; then
+  echo
+  echo "Fault matrix (outcome and milliseconds; docs/reliability.md):"
+  printf '%-22s' operation
+  for m in no-reply delay ret-code echo ids noise split trunc lying reset drip disc refuse silent link; do
+    printf ' %8s' "$m"
+  done
+  echo
+  cat "$matrix"/*.txt
+fi
+exit "$status"

@@ -276,6 +276,10 @@ class VarkelManager : public QObject {
   void SetModeSwitchWait(std::chrono::milliseconds wait) { mode_switch_wait_ms_.store(wait.count()); }
   // The serial OTA frames' reply wait (30 s); applied when a transfer starts. Tests shorten it.
   void SetOtaReplyTimeout(std::chrono::milliseconds wait) { ota_reply_timeout_ms_.store(wait.count()); }
+  // Every time-out of the KTC clients built from now on: the reply wait (4 s, 5 s for a
+  // small sensor), a download's idle wait (10 s) and a file piece's wait (60 s). Tests that
+  // walk through many failures shorten them all to one value; 0 restores the defaults.
+  void SetKtcTimeouts(std::chrono::milliseconds wait) { ktc_timeout_override_ms_.store(wait.count()); }
 
  private:
   // The shared reads and writes reach the table through it (varkel_manager_host.h).
@@ -437,6 +441,7 @@ class VarkelManager : public QObject {
   std::atomic<int64_t> reboot_wait_ms_{10000};
   std::atomic<int64_t> mode_switch_wait_ms_{3000};
   std::atomic<int64_t> ota_reply_timeout_ms_{30000};
+  std::atomic<int64_t> ktc_timeout_override_ms_{0};
   std::atomic<int> upgrade_mode_{0};
   // Guarded by clients_mutex_.
   std::shared_ptr<quarn::lidar::KtcSerialClient> upgrade_link_;

@@ -88,8 +88,14 @@ std::shared_ptr<KtcClient> VarkelManager::OpenKtcConnection(const char* operatio
     port_text = port_;
   }
   const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
+  const auto override_ms = static_cast<uint32_t>(ktc_timeout_override_ms_.load());
+  if (override_ms != 0) timeout_ms = override_ms;
   auto client = std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", timeout_ms,
                                             timeout_ms, 0.0f, 0);
+  if (override_ms != 0) {
+    client->SetDownloadIdleTimeoutMs(override_ms);
+    client->SetTransferTimeoutMs(override_ms);
+  }
   SetKtcClient(client);
   // The lidar must accept within this time; there is no second chance, deliberately.
   std::this_thread::sleep_for(kOpenCheckDelay);

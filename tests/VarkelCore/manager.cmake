@@ -15,4 +15,5 @@ varkel_add_gtest(varkel_manager_tests
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_small_sensor_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_upgrade_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_small_upgrade_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/fault_matrix_test.cpp
   LIBS VarkelCore varkel_sim Qt5::Core Qt5::Test)

@@ -217,7 +217,7 @@ int KtcClient::Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t
   // time-out bounds each silence, not the whole transfer. Restored before the lock goes.
   const uint32_t saved_recv_ms = current_recv_timeout_ms_;
   const uint32_t saved_send_ms = current_send_timeout_ms_;
-  if (download) ApplyTimeouts(*transport, kDownloadIdleTimeoutMs, saved_send_ms);
+  if (download) ApplyTimeouts(*transport, download_idle_timeout_ms_.load(), saved_send_ms);
   GeneralKtcParser* parser = parser_->parser();
 
   int ret = 0;

@@ -45,10 +45,12 @@ class KtcClient {
                    bool with_header = false);
 
   // One exchange for a reply that may be many MiB (a log): as QueryCommand without header,
-  // but each read may wait kDownloadIdleTimeoutMs and no size warning is logged. Memory
-  // grows only with the bytes that actually arrive.
+  // but each read may wait the download idle time-out and no size warning is logged.
+  // Memory grows only with the bytes that actually arrive.
   int DownloadQuery(const std::vector<uint8_t>& payload, std::vector<uint8_t>& result, uint8_t cmd);
   static constexpr uint32_t kDownloadIdleTimeoutMs = 10000;
+  // The longest silence a download waits out (kDownloadIdleTimeoutMs). Tests shorten it.
+  void SetDownloadIdleTimeoutMs(uint32_t ms) { download_idle_timeout_ms_.store(ms); }
 
   // Sends a file as 1024-byte pieces, one exchange each; `progress` is the piece being sent.
   int TransferFile(const std::vector<uint8_t>& data, uint32_t code, bool extended, std::atomic<uint32_t>& progress);
@@ -125,6 +127,7 @@ class KtcClient {
   std::mutex stop_mutex_;
   std::atomic<bool> literal_drain_{false};
   std::atomic<uint32_t> transfer_timeout_ms_{60000};
+  std::atomic<uint32_t> download_idle_timeout_ms_{kDownloadIdleTimeoutMs};
   std::atomic<bool> transfers_cancelled_{false};
   // Set when an exchange failed or was abandoned: the next one waits for late bytes.
   // Guarded by command_mutex_.

@@ -40,6 +40,7 @@ class TestManager : public VarkelManager {
   using VarkelManager::Init;
   using VarkelManager::KtcClientHandle;
   using VarkelManager::searchVarPtr;
+  using VarkelManager::SetKtcTimeouts;
   using VarkelManager::SetModeSwitchWait;
   using VarkelManager::SetOtaReplyTimeout;
   using VarkelManager::SetRebootWait;
