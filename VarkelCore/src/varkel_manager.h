@@ -380,6 +380,10 @@ class VarkelManager : public QObject {
   const std::string config_file_path_;
 
   mutable std::mutex clients_mutex_;
+  // Held for the whole of Stop. A connect worker waits for a Stop under way (an upgrade
+  // worker lets the line go after its message) before it builds the new connection, so
+  // the old Stop cannot close the new client.
+  std::mutex disconnect_mutex_;
   std::shared_ptr<quarn::lidar::KtcClient> ktc_client_;
   std::shared_ptr<quarn::lidar::SerialClient> serial_client_;
   std::shared_ptr<quarn::lidar::SerialSource> serial_source_485_;

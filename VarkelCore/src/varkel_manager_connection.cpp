@@ -105,6 +105,7 @@ std::shared_ptr<KtcClient> VarkelManager::OpenKtcConnection(const char* operatio
 
 void VarkelManager::RunConnectWorker(const char* operation, const char* failure_notice,
                                      const std::function<void()>& body) {
+  { std::lock_guard<std::mutex> wait_for_stop(disconnect_mutex_); }
   QString reason = "Unknown";
   try {
     body();
@@ -290,6 +291,7 @@ void VarkelManager::ClearPendingWrites() {
 }
 
 void VarkelManager::Stop() {
+  std::lock_guard<std::mutex> lock(disconnect_mutex_);
   // Every transport is closed whatever connectType says: the small-sensor functions switch
   // it to 2 on purpose, and a serial line must not stay open after a disconnect.
   try {

@@ -169,7 +169,7 @@ class FaultMatrix : public vktest::ManagerTest, public ::testing::WithParamInter
       sim_->SetSmallSensor(state);
       const QStringList shown = QVariant(m_->ZeltoGetDestinationConfig()).toStringList();
       if (shown == QStringList{"192.168.1.100", QString::number(3000 + round)}) return ::testing::AssertionSuccess();
-      return ::testing::AssertionFailure() << "destination read " << shown.join(':').toStdString();
+      return ::testing::AssertionFailure() << "destination read '" << shown.join(':').toStdString() << "', " << Error();
     }
     const std::string gain = std::to_string(100 + round);
     sim_->SetValue("Gain", gain);
@@ -330,6 +330,8 @@ const std::vector<Operation>& Operations() {
            return !t.m_->getIsUpgrading() &&
                   (t.log_->Has("errorMessageChanged") || t.log_->Has("successMessageChanged"));
          });
+         // The sensor reboots after an image, whole or not: the line is let go either way.
+         if (!t.Until([&] { return !t.m_->getIsConnected(); })) return Outcome{false, "still connected"};
          if (t.Success() == kOtaTransmitted) return Outcome{true, "transmitted"};
          return Outcome{false, t.Error()};
        }},

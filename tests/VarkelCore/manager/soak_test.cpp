@@ -16,7 +16,8 @@
 #include "manager_test_support.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// The sanitizer runtimes answer this; g++ ships no header that declares it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
 #define VARKEL_SANITIZER_HEAP 1
 #endif
 
