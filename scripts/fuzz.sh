@@ -21,7 +21,11 @@ targets=(varkel_table_fuzzer marvo_package_fuzzer ktc_reply_fuzzer serial_reply_
          value_text_fuzzer value_codec_fuzzer console_text_fuzzer)
 CC=clang CXX=clang++ cmake -S . -B "$build" -DVARKEL_FUZZ=ON -DVARKEL_BUILD_UI=OFF -DVARKEL_BUILD_TESTS=OFF \
   -DVARKEL_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j"${VARKEL_FUZZ_JOBS:-2}" --target "${targets[@]}"
+if ! cmake --build "$build" -j"${VARKEL_FUZZ_JOBS:-2}" --target "${targets[@]}" >"$build/fuzz-build.log" 2>&1; then
+  tail -n 40 "$build/fuzz-build.log" >&2
+  echo "fuzz: build failed, see $build/fuzz-build.log" >&2
+  exit 1
+fi
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
