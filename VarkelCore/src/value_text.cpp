@@ -29,10 +29,13 @@ uint16_t U16At(const std::vector<uint8_t>& s, size_t at) {
   return static_cast<uint16_t>((s[at] << 8) | s[at + 1]);
 }
 
+// Sized to the value: a double near its maximum has over 300 digits before the point,
+// and a cut text would show a much smaller number.
 std::string Fixed2(double value) {
-  char buf[64];
-  std::snprintf(buf, sizeof buf, "%.2f", value);
-  return buf;
+  const int length = std::snprintf(nullptr, 0, "%.2f", value);
+  std::string text(static_cast<size_t>(length), '\0');
+  std::snprintf(text.data(), text.size() + 1, "%.2f", value);
+  return text;
 }
 
 template <typename T>

@@ -57,6 +57,27 @@ KtcClient::KtcClient(const std::string& lidar_ip, uint16_t lidar_port, bool auto
   connect_thread_ = std::thread(&KtcClient::TryOpen, this);
 }
 
+KtcClient::KtcClient(std::shared_ptr<ClientBase> transport, uint8_t protocol_version, uint32_t recv_timeout_ms,
+                     uint32_t send_timeout_ms)
+    : client_type_(kClientGiven),
+      protocol_version_(protocol_version),
+      transport_(std::move(transport)),
+      parser_(std::make_shared<KtcParser>(protocol_version)),
+      lidar_port_(0),
+      local_port_(0),
+      auto_receive_(false),
+      recv_timeout_ms_(recv_timeout_ms),
+      send_timeout_ms_(send_timeout_ms),
+      current_recv_timeout_ms_(recv_timeout_ms != 0 ? recv_timeout_ms : kDefaultTransportTimeoutMs),
+      current_send_timeout_ms_(send_timeout_ms != 0 ? send_timeout_ms : kDefaultTransportTimeoutMs),
+      connect_timeout_s_(0) {
+  // What the connect thread does once a transport it made is open.
+  if (transport_ && recv_timeout_ms_ != 0 && send_timeout_ms_ != 0) {
+    std::lock_guard<std::mutex> lock(command_mutex_);
+    ApplyTimeouts(*transport_, recv_timeout_ms_, send_timeout_ms_);
+  }
+}
+
 KtcClient::~KtcClient() {
   Stop();
   if (auto transport = Transport()) {

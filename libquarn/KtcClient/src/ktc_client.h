@@ -1,7 +1,7 @@
 #pragma once
 // The KTC command client: one request frame out, the matching reply back, over a TCP or
-// TLS transport made by a background connect thread. Exchanges from any thread are
-// serialised by one command lock.
+// TLS transport made by a background connect thread, or over a transport handed in
+// already open. Exchanges from any thread are serialised by one command lock.
 
 #include <atomic>
 #include <cstdint>
@@ -26,6 +26,8 @@ class KtcClient {
  public:
   static constexpr uint32_t kClientTcp = 0;
   static constexpr uint32_t kClientTls = 1;
+  // The transport was handed in; no connect thread runs.
+  static constexpr uint32_t kClientGiven = 2;
 
   // Starts the connect thread at once; poll IsOpen. An empty lidar_ip makes the thread wait
   // for SetLidarIp. connect_timeout_s < 0 means retry without end (until Stop).
@@ -33,6 +35,13 @@ class KtcClient {
             uint8_t protocol_version, const std::string& cert_path, const std::string& private_key_path,
             const std::string& ca_path, uint32_t recv_timeout_ms, uint32_t send_timeout_ms, float connect_timeout_s,
             uint16_t local_port = 0);
+  // Runs over `transport`, which the caller has opened: there is no connect thread and no
+  // address, IsOpen follows the transport, and the configured time-outs are applied to it
+  // at once (zero keeps the transport's own, as for the other constructor). The client
+  // closes the transport when it goes. For links this client does not make itself, e.g.
+  // an in-memory stream that tests and fuzzing feed.
+  KtcClient(std::shared_ptr<ClientBase> transport, uint8_t protocol_version, uint32_t recv_timeout_ms,
+            uint32_t send_timeout_ms);
   ~KtcClient();
   KtcClient(const KtcClient&) = delete;
   KtcClient& operator=(const KtcClient&) = delete;

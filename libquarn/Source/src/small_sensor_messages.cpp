@@ -13,6 +13,7 @@ constexpr size_t kSerialReplyLength = 20;
 constexpr size_t kSerialTextLength = 16;
 constexpr uint8_t kSafetyMark = 0xA1;
 constexpr size_t kNetworkBlockLength = 18;
+constexpr size_t kMaxCorrectionPieceData = 250;
 
 bool Echoes(const std::vector<uint8_t>& body, uint8_t type, uint8_t item) {
   return body.size() >= 3 && body[1] == type && body[2] == item;
@@ -57,7 +58,9 @@ int SetReplyStatus(const std::vector<uint8_t>& body, uint8_t item) {
 std::optional<CorrectionPiece> ParseCorrectionPiece(const std::vector<uint8_t>& body) {
   if (body.size() < 6 || !Echoes(body, kGet, kItemCorrection)) return std::nullopt;
   const size_t n = body[4];
-  if (body.size() != n + 6 || body[3] == 0) return std::nullopt;
+  // A serial reply's length byte keeps a piece within 250 bytes; a KTC payload has no such
+  // bound, so the rule is checked here.
+  if (n > kMaxCorrectionPieceData || body.size() != n + 6 || body[3] == 0) return std::nullopt;
   CorrectionPiece piece;
   piece.pieces = body[3];
   piece.data.assign(body.begin() + 5, body.begin() + 5 + static_cast<std::ptrdiff_t>(n));

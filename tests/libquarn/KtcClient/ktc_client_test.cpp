@@ -574,3 +574,31 @@ TEST(KtcClientConnect, FailedConnectsEndTheThreadAndALaterAddressConnects) {
                                         "u32RecvTimeoutMs 1234", "u32SendTimeoutMs 2345"}),
             "");
 }
+
+// A transport opened by someone else: no connect thread, the configured time-outs apply from
+// the first exchange (the transport's own are 500 ms), and the client closes it when it goes.
+TEST(KtcClientGivenTransport, ExchangesAtOnceWithItsOwnTimeOutsAndClosesTheTransport) {
+  ScriptedPeer peer;
+  auto transport = std::make_shared<TcpClient>();
+  ASSERT_TRUE(TryOpen(*transport, peer.port()));
+  ASSERT_TRUE(peer.Accept());
+  {
+    KtcClient client(transport, 2, 100, 100);
+    EXPECT_TRUE(client.IsOpen());
+    Bytes result;
+    auto reply = std::async(std::launch::async, [&] {
+      const Bytes request = peer.ReadFrame(2);
+      peer.Write(Reply(2, 0x21, 0, {0xC0, 0xA8}));
+      return request;
+    });
+    EXPECT_EQ(client.QueryCommand({0x01}, result, 0x21), 0);
+    EXPECT_EQ(reply.get(), Reply(2, 0x21, 0, {0x01}));
+    EXPECT_EQ(result, (Bytes{0xC0, 0xA8}));
+
+    const auto start = Clock::now();
+    EXPECT_EQ(client.QueryCommand({}, result, 0x21), -1);  // silence
+    EXPECT_LT(Clock::now() - start, 400ms);
+    EXPECT_EQ(client.GetLastReturnCode(), kKtcHeaderReadFailed);
+  }
+  EXPECT_FALSE(transport->IsOpened());
+}

@@ -67,6 +67,13 @@ TEST(SmallSensorMessages, GetReplies) {
   EXPECT_EQ(piece->data, (Bytes{0xAA, 0xBB, 0xCC}));
   EXPECT_FALSE(ss::ParseCorrectionPiece({0x07, 0x02, 0x07, 0x02, 0x04, 0xAA, 0xBB, 0xCC, 0x00}));
   EXPECT_FALSE(ss::ParseCorrectionPiece({0x04, 0x02, 0x07, 0x00, 0x00, 0x00}));  // no pieces
+  // At most 250 data bytes; a KTC link could carry more, but no piece holds them.
+  Bytes full = {254, 0x02, 0x07, 0x01, 250};
+  full.resize(256, 0x5A);
+  EXPECT_TRUE(ss::ParseCorrectionPiece(full));
+  Bytes over = {255, 0x02, 0x07, 0x01, 251};
+  over.resize(257, 0x5A);
+  EXPECT_FALSE(ss::ParseCorrectionPiece(over));
 
   auto safety = ss::ParseSafety({0x08, 0x02, 0x08, 0xA1, 0x01, 0x02, 0x01, 0x00, 0x00, 0x0A, 0x00});
   ASSERT_TRUE(safety);
