@@ -56,10 +56,13 @@ class SmallSensorTest : public vktest::ManagerTest {
 
   bool ConnectSmall() { return ConnectSmallSensor(serial_); }
 
-  // Waits for the information thread's first round (the serial number arrives first,
-  // the versions last).
+  // Waits for the information thread's first round: the serial number, the versions,
+  // then the safety state (shown as "xxxxxxxx" until it arrives).
   bool InfoRead() {
-    return log_->Wait([&] { return m_->getZeltoLidarVersionInfo().size() == 4; });
+    return log_->Wait([&] {
+      const QVariantList info = m_->getZeltoLidarInfo();
+      return m_->getZeltoLidarVersionInfo().size() == 4 && info.size() == 4 && info[3].toString() != "xxxxxxxx";
+    });
   }
 
   // The last get (2) or set (3) request as the sensor received it, whichever link.
