@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "coefficient_choice.h"
 #include "number_text.h"
 #include "str_parser.h"
 #include "value_text.h"
@@ -50,24 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   const Codec& c = kCodecs[data[0] % (sizeof(kCodecs) / sizeof(kCodecs[0]))];
   float coefficient = 1.0f;
-  size_t at = 2;
-  switch (data[1]) {
-    case 0:
-      break;
-    case 1:
-      coefficient = 0.1f;
-      break;
-    case 2:
-      coefficient = 0.01f;
-      break;
-    case 3:
-      coefficient = 10.0f;
-      break;
-    default:
-      if (size < 6) return 0;
-      std::memcpy(&coefficient, data + 2, sizeof coefficient);
-      at = 6;
-  }
+  size_t at = 0;
+  if (!ChooseCoefficient(data, size, coefficient, at)) return 0;
   const std::string text(reinterpret_cast<const char*>(data + at), size - at);
   CheckNumberText(text);
 
