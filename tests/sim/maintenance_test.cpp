@@ -231,19 +231,10 @@ TEST(SimLogsGolden, OperationLogRequestsWrittenByHand) {
   ::close(v2);
 }
 
-TEST(SimLogsLarge, SixteenMebibytesThroughTheClientAndASlowReaderGetsItAll) {
+TEST(SimLogsLarge, ASlowReaderGetsEightMebibytesWhole) {
   auto sim = StartQuenta();
-  sim->SetLogSize(16u << 20);
-  {
-    auto client = simtest::Connect(sim->port(), 1, 10000);
-    std::vector<uint8_t> reply;
-    ASSERT_EQ(Query(*client, 0x61, {}, &reply), 0);
-    EXPECT_EQ(reply.size(), 16u << 20);
-    EXPECT_TRUE(reply == *sim->LogBody("Fault Log"));
-  }
-
   // A reader with a small window that stops for a while, so that the sensor's writes wait
-  // with its send buffer full.
+  // with its send buffer full. (The controller's 16 MiB download is its own test.)
   sim->SetLogSize(8u << 20);
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   const int window = 64 * 1024;

@@ -286,6 +286,8 @@ const std::vector<Operation>& Operations() {
       {"upgrade", false, 4, "FFFFF..FFF.FFFF",
        [](FaultMatrix& t) {
          const QVariantList place = UpgradePlace(*t.m_);
+         const uint64_t restarts = t.sim_->RestartCount();
+         const uint64_t images = t.sim_->UpgradesReceived();
          const QUrl url = t.WriteFile("fw.patch", "VERSION=9.9.9\n", 2500);
          if (t.m_->UpgradeLidar(url, place[2].toInt(), place[3].toInt(), place[4].toInt()) != 0)
            return Outcome{false, "refused"};
@@ -299,6 +301,10 @@ const std::vector<Operation>& Operations() {
            return t.m_->getIsConnected() ? Outcome{false, "transmitted, then: " + t.Error()}
                                          : Outcome{true, "transmitted, restarted"};
          }
+         // A failed transfer neither restarts the sensor nor leaves it an image to run.
+         std::this_thread::sleep_for(Ms(300));
+         if (t.sim_->RestartCount() != restarts || t.sim_->UpgradesReceived() != images)
+           return Outcome{false, "restarted or installed after: " + t.Error()};
          return Outcome{false, t.Error()};
        }},
       {"small: spin rate", true, 1, "FFFFF..FFF....F",

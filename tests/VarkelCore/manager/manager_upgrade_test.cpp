@@ -88,39 +88,6 @@ TEST_F(ManagerUpgrade, ImageArrivesWholeThenTheLidarRestartsAfterThePause) {
   EXPECT_FALSE(log_->Has("errorMessageChanged"));
 }
 
-TEST_F(ManagerUpgrade, EveryFailingTransferEndsWithTheMessageAndTheFlagDown) {
-  struct Case {
-    FailureMode mode;
-    int param;
-    int failing_piece;
-  };
-  for (const Case c : {Case{FailureMode::kRefusePiece, 2, 2}, Case{FailureMode::kSilentAfterPieces, 1, 2},
-                       Case{FailureMode::kDisconnectAfterPieces, 1, 2}}) {
-    SCOPED_TRACE(varkel::sim::FailureModeName(c.mode));
-    if (!m_->getIsConnected()) ASSERT_TRUE(Connect());
-    log_->Clear();
-    sim_->ResetCounters();
-    sim_->SetFailure(c.mode, 0x50, c.param);
-    // A silent lidar is given up after the piece time-out (a minute in the product).
-    m_->KtcClientHandle()->SetTransferTimeoutMs(800);
-    const auto start = Clock::now();
-    ASSERT_EQ(Upgrade(WriteImage(4096)), 0);
-    ASSERT_TRUE(log_->WaitFor("errorMessageChanged"));
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-    EXPECT_FALSE(m_->getIsUpgrading());
-    EXPECT_EQ(Error(), kFailed);
-    EXPECT_TRUE(log_->WaitFor(std::string("INFO: ") + kFailed));  // the line follows the message
-    EXPECT_FALSE(log_->Has("successMessageChanged"));
-    EXPECT_EQ(m_->getUpgradeProgress(), c.failing_piece);
-    EXPECT_FALSE(sim_->LastTransfer()->ok);
-    // No restart after a failure, and a later upgrade may start.
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    EXPECT_EQ(sim_->RestartCount(), 0u);
-    sim_->ClearFailures();
-    EXPECT_EQ(sim_->UpgradesReceived(), 0u);
-  }
-}
-
 TEST_F(ManagerUpgrade, RefusalsStartNothing) {
   const QUrl url = WriteImage(2048);
   EXPECT_EQ(Upgrade(url), -1);  // not connected

@@ -403,21 +403,6 @@ TEST_F(SerialClientTest, SilenceVanishedLineAndClosedSourcesHaveTheirCodes) {
   EXPECT_EQ(SerialClient(command_, data_).WaitReply(cmd_, status_, 10), SerialClient::kErrNotReady);
 }
 
-TEST_F(SerialClientTest, OtaFrameGoesOutOnTheDataLineAndItsReplyIsRead) {
-  const std::vector<uint8_t> image = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
-  std::vector<uint8_t> frame;
-  std::thread sensor([&] {
-    frame = rs485_.Read(29 + image.size());
-    rs485_.Write(kOtaReply);
-  });
-  EXPECT_EQ(client_.SendOtaFrame(1, 0x400, image.data(), image.size(), 0x02, cmd_, status_), SerialClient::kOk);
-  sensor.join();
-  EXPECT_EQ(cmd_, 0x81);
-  EXPECT_EQ(status_, 0x00);
-  EXPECT_EQ(frame, BuildOtaFrame(0x02, 1, 0x400, image.data(), image.size()));
-  EXPECT_EQ(lines_.back(), "RECV: " + ToHexSpaced(kOtaReply));
-}
-
 // Another source standing in for the lidar, sending to `port` at `ip`.
 std::unique_ptr<SocketSource> Lidar(uint16_t port, const std::string& ip = "127.0.0.1") {
   auto lidar = std::make_unique<SocketSource>(0, "127.0.0.1", "");
