@@ -100,6 +100,15 @@ SignalLog::SignalLog(VarkelManager* m) {
     entries_.push_back(type.toStdString() + ": " + msg.toStdString());
   };
   connect(m, &V::sendLogMessage, this, add_log, q);
+  // Direct: the flag is read in the emitting thread, before a worker can lower it again.
+  // The counter is shared so that it outlives this log should the controller emit while
+  // the log is being torn down.
+  connect(
+      m, &V::isUpgradingChanged, m,
+      [rises = upgrading_rises_, m] {
+        if (m->getIsUpgrading()) ++*rises;
+      },
+      Qt::DirectConnection);
   connect(
       m, &V::downloadOperationLogFinished, this,
       [this](bool result) {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -68,8 +69,13 @@ class SignalLog : public QObject {
   bool Has(const std::string& entry) const { return Count(entry) > 0; }
   bool HasPrefix(const std::string& prefix) const;
 
+  // Times IsUpgrading went up, counted as it happens: a short transfer can be over
+  // before the caller looks at the flag.
+  int UpgradingRises() const { return upgrading_rises_->load(); }
+
  private:
   std::vector<std::string> entries_;
+  std::shared_ptr<std::atomic<int>> upgrading_rises_ = std::make_shared<std::atomic<int>>(0);
 };
 
 // A fresh install root with "Config/varID/", made the current directory (the controller

@@ -63,7 +63,7 @@ TEST_F(ManagerUpgrade, ImageArrivesWholeThenTheLidarRestartsAfterThePause) {
   ASSERT_TRUE(Connect());
   const QUrl url = WriteImage(5000);
   ASSERT_EQ(Upgrade(url), 0);
-  EXPECT_TRUE(m_->getIsUpgrading());
+  EXPECT_EQ(log_->UpgradingRises(), 1);
   EXPECT_EQ(m_->getUpgradeProgressTotalLen(), 4);  // whole blocks of the file
 
   ASSERT_TRUE(log_->WaitFor("successMessageChanged"));
