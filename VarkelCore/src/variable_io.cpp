@@ -48,6 +48,13 @@ std::string ReadGroupKey(const VarInfo& var) {
   return var.get_cmd + " " + var.get_cmd_payload;
 }
 
+namespace {
+// The group as the user reads it: the command, and its payload only when it has one.
+std::string GroupName(const VarInfo& var) {
+  return var.get_cmd_payload.empty() ? var.get_cmd : var.get_cmd + " payload " + var.get_cmd_payload;
+}
+}  // namespace
+
 std::vector<ReadGroup> GroupForReading(const std::vector<VarInfo*>& vars) {
   std::vector<ReadGroup> groups;
   std::map<std::string, size_t> at;
@@ -224,7 +231,8 @@ void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser
   // before anything is sent.
   for (const ReadGroup& group : plan.refresh) {
     if (host.Refresh(client, parser, group.vars) < 0)
-      throw std::invalid_argument("could not read the present values for " + group.key + " before writing");
+      throw std::invalid_argument("could not read the present values for " + GroupName(*group.vars.front()) +
+                                  " before writing");
   }
   // Assembly of every payload first: a refused value stops the write with nothing sent.
   std::vector<PreparedSet> prepared;

@@ -132,8 +132,8 @@ SendOutcome SendSet(TableHost& host, quarn::lidar::KtcClient& client, const Prep
 
 // The whole write: refresh, assembly of every payload (a refused value stops it with
 // nothing sent), then the commands in order. `sent` hears each outcome as it happens.
-// Throws std::invalid_argument: "could not read the present values for <group> before
-// writing", a codec's refusal, or "<cmd> SET  ret_code: <code>" for a refused command (what
+// Throws std::invalid_argument: "could not read the present values for <get command>[ payload
+// <payload>] before writing", a codec's refusal, or "<cmd> SET  ret_code: <code>" for a refused command (what
 // went out before stays written).
 void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser, const WritePlan& plan,
                   const std::function<void(const PreparedSet&, const SendOutcome&)>& sent);

@@ -143,6 +143,15 @@ TEST_F(ManagerWriting, AFailedCommandStopsTheWriteAndNetworkSettingsGoLast) {
   EXPECT_EQ(m_->getSuccessMessage().toStdString(), kSuccess);
   EXPECT_EQ(Error(), "");
   EXPECT_EQ(m_->getSetMapSize(), 0);
+
+  // The present values cannot be read: nothing goes out, the edit stays.
+  Edit(kGain, "6");
+  sim_->SetFailure(FailureMode::kReturnCode, 0x02, 5);
+  sim_->ResetCounters();
+  m_->Run(0);
+  EXPECT_EQ(Error(), "Set Failed: could not read the present values for 0x02 before writing");
+  EXPECT_EQ(sim_->CommandCount(0x25), 0u);
+  EXPECT_EQ(m_->getSetMapSize(), 1);
 }
 
 TEST_F(ManagerWriting, RunRefusesWhileBusyOrDisconnectedAndSendsNothing) {
