@@ -658,21 +658,19 @@ Rectangle {
         id: logWindow
         manager: varkel_manager
     }
-    FileDialog {
+    DocumentsFileDialog {
         id: operationLogDialog
         title: "Save the operation log as"
         selectExisting: false
         nameFilters: ["Archives (*.tar)", "All files (*)"]
-        folder: shortcuts.documents
         onAccepted: root.downloadOperationLog(fileUrl)
     }
-    FileDialog {
+    DocumentsFileDialog {
         id: logFolderDialog
         objectName: "logFolderDialog"
         property string logName: ""
         title: "Folder for the " + logName
         selectFolder: true
-        folder: shortcuts.documents
         onAccepted: root.downloadLog(fileUrl, logName)
     }
     MessageWindow {

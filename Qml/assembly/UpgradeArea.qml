@@ -111,7 +111,7 @@ Item {
         }
     }
 
-    FileDialog {
+    DocumentsFileDialog {
         id: dialog
         title: "Choose an upgrade package"
         selectMultiple: false

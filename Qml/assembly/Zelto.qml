@@ -76,7 +76,7 @@ Item {
     Loader {
         id: correctionFolder
         active: false
-        sourceComponent: FileDialog {
+        sourceComponent: DocumentsFileDialog {
             title: "Folder for the calibration file"
             selectFolder: true
             // fileUrl is the chosen folder; folder is only where the dialog was browsing.

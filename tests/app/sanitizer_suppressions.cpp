@@ -14,6 +14,7 @@ extern "C" const char* __lsan_default_suppressions() {
 // time-zone state. Races whose stacks lie wholly in Varkel's code are still reported.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
-  return "race:libQt5Core.so\nrace:libQt5Gui.so\nrace:libQt5Qml.so\nrace:libQt5Quick.so\nrace:libQt5Test.so\n"
+  return "race:libQt5Core.so\nrace:libQt5Gui.so\nrace:libQt5Widgets.so\nrace:libQt5Qml.so\nrace:libQt5Quick.so\nrace:"
+         "libQt5Test.so\n"
          "race:libQt5QuickTest.so\nrace:tzset_internal\n";
 }
