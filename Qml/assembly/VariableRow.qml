@@ -44,6 +44,8 @@ Item {
     readonly property string value: info ? String(info.current_val) : ""
     readonly property bool editable: canWrite && info !== null && Number(info.permission) !== 0
     readonly property bool outOfRange: info !== null && outOfRangeNames.indexOf(String(info.var_name)) >= 0
+    // Raw rows hold secrets (keys, passwords): never shown over a shoulder.
+    readonly property bool masked: info !== null && String(info.var_type) === "raw"
 
     function optionTexts() {
         if (!info || !info.options) return [];
@@ -163,6 +165,7 @@ Item {
                 width: Math.min(parent.width, 320)
                 enabled: row.editable
                 warn: row.outOfRange
+                echoMode: row.masked ? TextInput.Password : TextInput.Normal
                 // Edits are recorded at once, so Save needs no Enter first.
                 onTextEdited: row.manager.SetText(1, row.moduleIndex, row.groupIndex, row.varIndex, text)
                 Component.onCompleted: text = row.value
@@ -202,6 +205,7 @@ Item {
                     Layout.fillWidth: true
                     enabled: row.editable && toggle.checked
                     warn: row.outOfRange
+                    echoMode: row.masked ? TextInput.Password : TextInput.Normal
                     onTextEdited: row.manager.SetText(1, row.moduleIndex, row.groupIndex, row.varIndex, text)
                     Component.onCompleted: text = row.value
                     Connections {

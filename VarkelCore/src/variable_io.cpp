@@ -40,8 +40,9 @@ bool TableHost::Position(ConfigParser& parser, const std::string& cmd, const std
   return parser.GetVarPosOffset(cmd, var_id, payload_length, pos);
 }
 
-int TableHost::Refresh(quarn::lidar::KtcClient& client, ConfigParser& parser, const std::vector<VarInfo*>& vars) {
-  return ReadGroupValues(*this, client, parser, vars);
+int TableHost::Refresh(quarn::lidar::KtcClient& client, ConfigParser& parser, const std::vector<VarInfo*>& vars,
+                       ReadBytes& fresh) {
+  return ReadGroupValues(*this, client, parser, vars, &fresh);
 }
 
 std::string ReadGroupKey(const VarInfo& var) {
@@ -87,13 +88,16 @@ int QueryGroup(quarn::lidar::KtcClient& client, const VarInfo& first, std::vecto
 }
 
 CutResult CutValue(TableHost& host, ConfigParser& parser, VarInfo& var, const std::string& cmd,
-                   const std::vector<uint8_t>& reply, std::vector<uint8_t>& slice, std::string* fault) {
+                   const std::vector<uint8_t>& reply, std::vector<uint8_t>& slice, std::string* fault,
+                   ReadBytes* fresh) {
   if (reply.empty()) throw std::invalid_argument("no reply to cut " + var.var_name + " from");
   if (var.var_type.empty()) throw std::invalid_argument(var.var_name + " has no type");
   std::pair<uint32_t, uint32_t> pos{0, 0};
   if (!host.Position(parser, cmd, var.var_id, static_cast<uint32_t>(reply.size()), pos)) return CutResult::kNoPosition;
   if (pos.second == 0 || static_cast<uint64_t>(pos.first) + pos.second > reply.size()) return CutResult::kOutsideReply;
   slice.assign(reply.begin() + pos.first, reply.begin() + pos.first + pos.second);
+  // Bytes that make no text are still what the sensor holds, and go back as they came.
+  if (fresh) (*fresh)[var.var_id] = slice;
 
   const ValueText text = BytesToValueText(var.var_type, slice, var.coefficient);
   if (!text.ok) {
@@ -105,14 +109,15 @@ CutResult CutValue(TableHost& host, ConfigParser& parser, VarInfo& var, const st
 }
 
 int ReadGroupValues(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser,
-                    const std::vector<VarInfo*>& vars) {
+                    const std::vector<VarInfo*>& vars, ReadBytes* fresh) {
   if (vars.empty()) return 0;
   std::vector<uint8_t> reply;
   if (QueryGroup(client, *vars.front(), reply) != 0) return -1;
   int stored = 0;
   std::vector<uint8_t> slice;
   for (VarInfo* var : vars)
-    if (CutValue(host, parser, *var, vars.front()->get_cmd, reply, slice) == CutResult::kStored) ++stored;
+    if (CutValue(host, parser, *var, vars.front()->get_cmd, reply, slice, nullptr, fresh) == CutResult::kStored)
+      ++stored;
   return stored;
 }
 
@@ -145,7 +150,49 @@ WritePlan PlanWrite(const ConfigParser& parser, const std::vector<VarInfo*>& wal
   return plan;
 }
 
-PreparedSet PrepareSet(TableHost& host, ConfigParser& parser, const std::string& set_cmd) {
+namespace {
+
+// The bytes one field of a set payload carries: as the fresh read cut them when the user
+// left it alone, else its text through its codec.
+std::vector<uint8_t> FieldBytes(TableHost& host, const VarInfo& var, const ReadBytes& fresh) {
+  if (var.get_cmd.empty() && var.var_type != "raw")
+    throw std::invalid_argument(
+        "There are undefined cases in the csv config file where there is a line with 'set' and no 'get', but "
+        "the var_type is not 'raw'.");
+  const bool edited = host.Edited(var);
+  // The raw codec makes no bytes of a text: zeros would go out in place of a secret.
+  if (edited && var.var_type == "raw")
+    throw std::invalid_argument(var.var_name + " cannot be written: its bytes are not defined for this model");
+  const auto read = fresh.find(var.var_id);
+  if (!edited) {
+    if (read == fresh.end()) {
+      if (var.var_len == 0) return {};
+      // A secret nobody can read: writing its neighbours would overwrite it with zeros.
+      if (var.get_cmd.empty())
+        throw std::invalid_argument(var.var_name + " cannot be carried in " + var.set_cmd +
+                                    ": the sensor gives no way to read it");
+      throw std::invalid_argument("could not read " + var.var_name + " from the reply to " + var.get_cmd +
+                                  " before writing");
+    }
+    if (var.set_coefficient == var.coefficient) return read->second;
+  }
+
+  const std::string value = host.Value(var);
+  std::unique_ptr<StrParser> codec = MakeStrParser(var.var_type);
+  if (!codec) {
+    host.Trace("(): This var_type \"" + var.var_type + "\" is not supported currently.");
+    host.Trace("strParser == nullptr, var_name:" + var.var_name + ", var_type:" + var.var_type +
+               ", current_val:" + value);
+    throw std::invalid_argument("Error with var type");
+  }
+  if (value.empty())
+    throw std::invalid_argument("Unknown error with this var: It has no current_val. var_name = " + var.var_name);
+  return codec->ParseToBytes(value, var.set_coefficient);
+}
+
+}  // namespace
+
+PreparedSet PrepareSet(TableHost& host, ConfigParser& parser, const std::string& set_cmd, const ReadBytes& fresh) {
   PreparedSet set;
   set.set_cmd = set_cmd;
   const std::vector<VarInfo*>& vars = CarriedBy(parser, set_cmd);
@@ -173,22 +220,7 @@ PreparedSet PrepareSet(TableHost& host, ConfigParser& parser, const std::string&
   for (const VarInfo* var : vars) length = std::max(length, var->set_start_pos + var->var_len);
   std::vector<uint8_t> fields(length, 0);
   for (VarInfo* var : vars) {
-    const std::string value = host.Value(*var);
-    std::unique_ptr<StrParser> codec = MakeStrParser(var->var_type);
-    if (!codec) {
-      host.Trace("(): This var_type \"" + var->var_type + "\" is not supported currently.");
-      host.Trace("strParser == nullptr, var_name:" + var->var_name + ", var_type:" + var->var_type +
-                 ", current_val:" + value);
-      throw std::invalid_argument("Error with var type");
-    }
-    if (var->get_cmd.empty() && var->var_type != "raw")
-      throw std::invalid_argument(
-          "There are undefined cases in the csv config file where there is a line with 'set' and no 'get', but "
-          "the var_type is not 'raw'.");
-    if (value.empty() && var->var_type != "raw")
-      throw std::invalid_argument("Unknown error with this var: It has no current_val. var_name = " + var->var_name);
-    const std::vector<uint8_t> bytes = codec->ParseToBytes(value, var->set_coefficient);
-
+    const std::vector<uint8_t> bytes = FieldBytes(host, *var, fresh);
     std::pair<uint32_t, uint32_t> pos{0, 0};
     if (!host.Position(parser, set_cmd, var->var_id, static_cast<uint32_t>(fields.size()), pos))
       throw std::invalid_argument("no set position for " + var->var_name);
@@ -229,15 +261,16 @@ void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser
                   const std::function<void(const PreparedSet&, const SendOutcome&)>& sent) {
   // Refresh: a payload must never carry a stale field, so a failed read stops the write
   // before anything is sent.
+  ReadBytes fresh;
   for (const ReadGroup& group : plan.refresh) {
-    if (host.Refresh(client, parser, group.vars) < 0)
+    if (host.Refresh(client, parser, group.vars, fresh) < 0)
       throw std::invalid_argument("could not read the present values for " + GroupName(*group.vars.front()) +
                                   " before writing");
   }
   // Assembly of every payload first: a refused value stops the write with nothing sent.
   std::vector<PreparedSet> prepared;
   prepared.reserve(plan.send_list.size());
-  for (const std::string& set_cmd : plan.send_list) prepared.push_back(PrepareSet(host, parser, set_cmd));
+  for (const std::string& set_cmd : plan.send_list) prepared.push_back(PrepareSet(host, parser, set_cmd, fresh));
 
   // Writing, in order; a failure stops here and what was written stays written.
   for (const PreparedSet& set : prepared) {

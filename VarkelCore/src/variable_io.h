@@ -7,7 +7,10 @@
 // Writing: a plan names the set commands to send (in the order the caller walks the
 // table, the network command last) and the read groups that bring the untouched fields
 // of those payloads up to date; then every payload is assembled before anything is sent,
-// and the commands go out in order until one fails.
+// and the commands go out in order until one fails. A field the user did not edit goes
+// back as the bytes that fresh read cut for it, never through its text: a text and its
+// codec need not agree (a MAC is shown in hexadecimal but typed in decimal), and a field
+// the read did not reach must not go out stale.
 //
 // Whoever holds the table decides how value texts are kept (the controller keeps the
 // user's edits against reads and locks the table, the command line keeps them plainly)
@@ -33,21 +36,28 @@ class KtcClient;
 
 namespace varkel {
 
+// The bytes a write's fresh read cut for each variable, by var_id.
+using ReadBytes = std::map<std::string, std::vector<uint8_t>>;
+
 // What a read or a write needs from whoever holds the table.
 class TableHost {
  public:
   virtual ~TableHost() = default;
   // The text a set payload carries for `var`.
   virtual std::string Value(const VarInfo& var) = 0;
+  // Whether the user changed `var` since it was last written: only such fields go
+  // through their codec.
+  virtual bool Edited(const VarInfo& var) = 0;
   // A value just read from the sensor (the controller keeps a pending edit instead).
   virtual void StoreRead(VarInfo& var, const std::string& text) = 0;
   // The field of `var_id` in `cmd`'s payload. ConfigParser::GetVarPosOffset rewrites the
   // shared secret's record, so a host that shares the table between threads locks here.
   virtual bool Position(ConfigParser& parser, const std::string& cmd, const std::string& var_id,
                         uint32_t payload_length, std::pair<uint32_t, uint32_t>& pos);
-  // Reads one group before a write; the refreshed count or -1 when the query failed.
-  // By default ReadGroupValues with this host.
-  virtual int Refresh(quarn::lidar::KtcClient& client, ConfigParser& parser, const std::vector<VarInfo*>& vars);
+  // Reads one group before a write, keeping the bytes cut for each variable in `fresh`;
+  // the refreshed count or -1 when the query failed. By default ReadGroupValues with this host.
+  virtual int Refresh(quarn::lidar::KtcClient& client, ConfigParser& parser, const std::vector<VarInfo*>& vars,
+                      ReadBytes& fresh);
   // The five angles a field-of-view write (0x22) sends with the channel.
   virtual std::array<float, quarn::lidar::kFovRanges> FovValues() = 0;
   // Diagnostic lines of a write (the controller puts them on Qt's debug output).
@@ -82,14 +92,16 @@ enum class CutResult {
   kBadValue,      // the bytes do not make a text of its type (the fault is in `fault`)
 };
 // Cuts `var` out of `reply` (the reply to `cmd`) into `slice` and stores its text through
-// the host. Throws std::invalid_argument for an empty reply or a variable without type.
+// the host; the slice also goes into `fresh` when given, whether or not it makes a text.
+// Throws std::invalid_argument for an empty reply or a variable without type.
 CutResult CutValue(TableHost& host, ConfigParser& parser, VarInfo& var, const std::string& cmd,
-                   const std::vector<uint8_t>& reply, std::vector<uint8_t>& slice, std::string* fault = nullptr);
+                   const std::vector<uint8_t>& reply, std::vector<uint8_t>& slice, std::string* fault = nullptr,
+                   ReadBytes* fresh = nullptr);
 
 // QueryGroup then CutValue for each: the number of values stored, or -1 when the query
 // failed or the reply was empty.
 int ReadGroupValues(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser,
-                    const std::vector<VarInfo*>& vars);
+                    const std::vector<VarInfo*>& vars, ReadBytes* fresh = nullptr);
 
 // ---- writing ----
 
@@ -118,10 +130,13 @@ struct PreparedSet {
   uint8_t fov_channel = 0;
   std::array<float, quarn::lidar::kFovRanges> fov_values{};
 };
-// Assembles the whole payload of `set_cmd` from the host's value texts: a payload as long
-// as its furthest field, each codec's bytes right-aligned in its field. Throws
-// std::invalid_argument with the reason a value cannot be sent.
-PreparedSet PrepareSet(TableHost& host, ConfigParser& parser, const std::string& set_cmd);
+// Assembles the whole payload of `set_cmd`: a payload as long as its furthest field, each
+// field's bytes right-aligned in it. An edited field is its text through its codec; an
+// unedited one the bytes `fresh` holds for it (through its text and codec when its set
+// coefficient differs from its get coefficient, since then the read bytes are not the
+// write bytes). Throws std::invalid_argument with the reason a value cannot be sent: an
+// unedited field `fresh` lacks, an edited raw field, a codec's refusal.
+PreparedSet PrepareSet(TableHost& host, ConfigParser& parser, const std::string& set_cmd, const ReadBytes& fresh);
 
 enum class SendResult { kWritten, kReplyLost, kFailed };
 struct SendOutcome {
@@ -133,8 +148,9 @@ SendOutcome SendSet(TableHost& host, quarn::lidar::KtcClient& client, const Prep
 // The whole write: refresh, assembly of every payload (a refused value stops it with
 // nothing sent), then the commands in order. `sent` hears each outcome as it happens.
 // Throws std::invalid_argument: "could not read the present values for <get command>[ payload
-// <payload>] before writing", a codec's refusal, or "<cmd> SET  ret_code: <code>" for a refused command (what
-// went out before stays written).
+// <payload>] before writing", "could not read <name> from the reply to <get command> before
+// writing", a refusal of PrepareSet, or "<cmd> SET  ret_code: <code>" for a refused command
+// (what went out before stays written).
 void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser, const WritePlan& plan,
                   const std::function<void(const PreparedSet&, const SendOutcome&)>& sent);
 

@@ -253,8 +253,10 @@ class VarkelManager : public QObject {
   void updatePagesTimer();
   // Cuts `var` out of `output` (the reply to `cmd`) and stores its text. True when stored.
   // `timer_round` reports a given variable's cutting fault to the log pane only once.
+  // `fresh` (a write's read, by var_id) keeps the bytes cut.
   bool updateSingleVarFromOutput(VarInfo* var, const std::string& cmd, const std::vector<uint8_t>& output,
-                                 std::vector<uint8_t>& slice, bool timer_round);
+                                 std::vector<uint8_t>& slice, bool timer_round,
+                                 std::map<std::string, std::vector<uint8_t>>* fresh = nullptr);
 
   std::shared_ptr<quarn::lidar::KtcClient> KtcClientHandle() const;
   // The first variable found under one of `spellings`, or null.
@@ -291,8 +293,10 @@ class VarkelManager : public QObject {
 
   void ReadSettings();
   void WriteSettings();
-  // One query for `vars` (same command and payload), then each cut out of the reply.
-  int QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round);
+  // One query for `vars` (same command and payload), then each cut out of the reply; a
+  // write's read keeps the bytes cut in `fresh`, by var_id.
+  int QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round,
+                  std::map<std::string, std::vector<uint8_t>>* fresh = nullptr);
   // The 0x23 group through the multi-FOV read. Same result as QueryAndCut.
   int ReadFov(const std::vector<VarInfo*>& vars);
   // Marks `var`'s set command pending with `text` as its edited value, unless unchanged.

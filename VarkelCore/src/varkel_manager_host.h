@@ -17,6 +17,10 @@ class VarkelManager::TableHost : public varkel::TableHost {
   explicit TableHost(VarkelManager& manager) : m_(manager) {}
 
   std::string Value(const VarInfo& var) override { return m_.ValueOf(&var); }
+  bool Edited(const VarInfo& var) override {
+    std::lock_guard<std::mutex> lock(m_.fields_mutex_);
+    return m_.edited_values_.count(var.var_id) != 0;
+  }
   void StoreRead(VarInfo& var, const std::string& text) override { m_.StoreReadValue(&var, text); }
   bool Position(ConfigParser& parser, const std::string& cmd, const std::string& var_id, uint32_t payload_length,
                 std::pair<uint32_t, uint32_t>& pos) override {
@@ -24,8 +28,9 @@ class VarkelManager::TableHost : public varkel::TableHost {
     return parser.GetVarPosOffset(cmd, var_id, payload_length, pos);
   }
   // Through the controller's own group read, with its log lines and edit keeping.
-  int Refresh(quarn::lidar::KtcClient&, ConfigParser&, const std::vector<VarInfo*>& vars) override {
-    return m_.GetInfoFromLidarWithSameCmd(vars, false);
+  int Refresh(quarn::lidar::KtcClient&, ConfigParser&, const std::vector<VarInfo*>& vars,
+              varkel::ReadBytes& fresh) override {
+    return m_.QueryAndCut("GetInfoFromLidarWithSameCmd", vars, false, &fresh);
   }
   std::array<float, quarn::lidar::kFovRanges> FovValues() override {
     std::array<float, quarn::lidar::kFovRanges> values{};

@@ -74,7 +74,8 @@ bool VarkelManager::GetInfoFromLidar(VarInfo* var) {
   return QueryAndCut("GetInfoFromLidar", {var}, false) > 0;
 }
 
-int VarkelManager::QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round) {
+int VarkelManager::QueryAndCut(const char* operation, const std::vector<VarInfo*>& vars, bool timer_round,
+                               std::map<std::string, std::vector<uint8_t>>* fresh) {
   const VarInfo* first = vars.front();
   KtcCommandText command;
   const std::vector<uint8_t> payload = varkel::GetRequest(*first, command);
@@ -97,12 +98,13 @@ int VarkelManager::QueryAndCut(const char* operation, const std::vector<VarInfo*
   int refreshed = 0;
   std::vector<uint8_t> slice;
   for (VarInfo* var : vars)
-    if (updateSingleVarFromOutput(var, first->get_cmd, reply, slice, timer_round)) ++refreshed;
+    if (updateSingleVarFromOutput(var, first->get_cmd, reply, slice, timer_round, fresh)) ++refreshed;
   return refreshed;
 }
 
 bool VarkelManager::updateSingleVarFromOutput(VarInfo* var, const std::string& cmd, const std::vector<uint8_t>& output,
-                                              std::vector<uint8_t>& slice, bool timer_round) {
+                                              std::vector<uint8_t>& slice, bool timer_round,
+                                              std::map<std::string, std::vector<uint8_t>>* fresh) {
   auto catalogue = Catalogue();
   if (!catalogue || !catalogue->parser) return false;
   if (output.empty())
@@ -119,7 +121,7 @@ bool VarkelManager::updateSingleVarFromOutput(VarInfo* var, const std::string& c
 
   TableHost host(*this);
   std::string fault;
-  switch (varkel::CutValue(host, parser, *var, cmd, output, slice, &fault)) {
+  switch (varkel::CutValue(host, parser, *var, cmd, output, slice, &fault, fresh)) {
     case varkel::CutResult::kStored:
       return true;
     case varkel::CutResult::kNoPosition:

@@ -65,6 +65,7 @@ class CliHost : public varkel::TableHost {
  public:
   explicit CliHost(quarn::lidar::KtcClient* client) : client_(client) {}
   std::string Value(const VarInfo& var) override { return var.current_val; }
+  bool Edited(const VarInfo& var) override { return edited_.count(var.var_id) != 0; }
   void StoreRead(VarInfo& var, const std::string& text) override;
   // The start angles the sensor reports, read when a field-of-view write needs them.
   std::array<float, quarn::lidar::kFovRanges> FovValues() override;

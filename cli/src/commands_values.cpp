@@ -117,6 +117,8 @@ std::string OptionValue(const VarInfo& var, const std::string& text) {
 // is sent.
 void CheckChange(const Change& change, bool force) {
   const VarInfo& var = *change.var;
+  if (var.var_type == "raw" && var.permission != 0 && !var.set_cmd.empty())
+    throw CliError(kExitBadInput, var.var_name + " cannot be written: its bytes are not defined for this model");
   if (!IsWritable(var)) throw CliError(kExitBadInput, var.var_name + " cannot be written");
   if (!force) {
     const std::string what = var.var_name + ": " + change.value;

@@ -71,6 +71,26 @@ TEST_F(CliTest, SetSendsTheWholePayloadWithTheUntouchedFieldsPresentValues) {
   // One query of 0x30 before writing, one to read back; the payload is four bytes.
   EXPECT_EQ(sim_->CommandCount(0x31), 1u);
   EXPECT_EQ(sim_->LastPayload(0x31).size(), 4u);
+
+  // The read-only MAC travels as the sensor holds it, whatever its digits: through its
+  // text it would be rewritten (0x25 read as decimal 25) or refused (a letter).
+  const struct {
+    const char* mac;
+    std::vector<uint8_t> bytes;
+  } sensors[] = {{"00:25:90:12:34:56", {0x00, 0x25, 0x90, 0x12, 0x34, 0x56}},
+                 {"00:0E:C6:12:34:56", {0x00, 0x0E, 0xC6, 0x12, 0x34, 0x56}}};
+  int host = 7;
+  for (const auto& sensor : sensors) {
+    ASSERT_TRUE(sim_->SetValue("MAC Address", sensor.mac));
+    const std::string address = "127.0.0." + std::to_string(host++);
+    const Result r = Run({"set", "IP Address=" + address});
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::vector<uint8_t> payload = sim_->LastPayload(0x21);
+    ASSERT_EQ(payload.size(), 18u);
+    EXPECT_EQ(std::vector<uint8_t>(payload.end() - 6, payload.end()), sensor.bytes) << sensor.mac;
+    EXPECT_EQ(sim_->Value("MAC Address"), sensor.mac);
+    EXPECT_EQ(sim_->Value("IP Address"), address);
+  }
 }
 
 TEST_F(CliTest, GetIsOneQueryPerGroupAndItsJsonIsStable) {
@@ -124,6 +144,7 @@ TEST_F(CliTest, BadInputIsRefusedWithOneLineNamingIt) {
       {{"get", "Nope"}, 2, "unknown variable 'Nope'"},
       {{"set", "Spin Rate"}, 2, "'Spin Rate' is not NAME=VALUE"},
       {{"set", "SN=X"}, 2, "SN cannot be written"},
+      {{"set", "Access Password=x"}, 2, "Access Password cannot be written: its bytes are not defined for this model"},
       {{"set", "Spin Rate=999"}, 2, "Spin Rate: 999 is none of its options"},
       {{"set", "IP Address=1.2.3"}, 2, "IP Address: 1.2.3 is no IP address"},
       {{"set", "Noise Filter Level=11"}, 2, "Noise Filter Level: 11 is out of range 1~10"},

@@ -119,7 +119,7 @@ TEST(SimReset, RestoresTheTablesValuesAndFieldOfViewThenRestarts) {
   EXPECT_EQ(sim->RestartCount(), 1u);
   EXPECT_NE(Query(*client, 0x08, {}), 0);
   EXPECT_EQ(sim->Value("IP Address"), "192.168.1.201");
-  EXPECT_EQ(sim->Value("MAC Address"), "02:01:03:05:07:09");
+  EXPECT_EQ(sim->Value("MAC Address"), "00:0E:C6:4B:1D:A7");
   EXPECT_EQ(sim->Value("Spin Rate"), "600");
   EXPECT_EQ(sim->FovStart(), (varkel::sim::FovBlock::Angles{0, 0, 0, 0, 0}));
 

@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
+
 #include "manager_test_support.h"
 
 using varkel::sim::FailureMode;
@@ -297,4 +300,82 @@ TEST_F(ManagerWriting, TableCommandTextsAreReadWithAutomaticBase) {
   EXPECT_EQ(sim_->LastPayload(9), std::vector<uint8_t>{9});
   EXPECT_EQ(sim_->CommandCount(0x22) + sim_->CommandCount(0x11), 0u);
   EXPECT_EQ(sim_->Value("Octal"), "9");
+}
+
+namespace {
+
+std::string ShippedTable(const std::string& model) {
+  std::ifstream in(std::string(VARKEL_SOURCE_DIR) + "/Config/varID/" + model + ".csv");
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace
+
+TEST_F(ManagerWriting, AnAddressChangeCarriesTheSensorsMacByteForByte) {
+  // The MAC is shown in hexadecimal and typed in decimal: through its text, a MAC with
+  // digits only would be rewritten and one with letters refused.
+  Load("Quenta", ShippedTable("Quenta"));
+  ASSERT_TRUE(Connect());
+  const Place gateway{0, 2}, password{2, 3};
+  const struct {
+    const char* mac;
+    std::vector<uint8_t> mac_bytes;
+  } sensors[] = {{"00:25:90:12:34:56", {0x00, 0x25, 0x90, 0x12, 0x34, 0x56}},
+                 {"00:0E:C6:12:34:56", {0x00, 0x0E, 0xC6, 0x12, 0x34, 0x56}}};
+  uint8_t last = 9;
+  for (const auto& sensor : sensors) {
+    ASSERT_TRUE(sim_->SetValue("MAC Address", sensor.mac));
+    m_->GetLidarModuleInfo(1);
+    ASSERT_EQ(Shown(1, 0, 2), "192.168.1.1");  // the Gateway row
+    const std::string address = "127.0.0." + std::to_string(last);
+    Edit(gateway, address, 1);
+    m_->Run(1);
+    EXPECT_EQ(Error(), "") << sensor.mac;
+    // Address, mask, the new gateway, then the MAC as the sensor holds it.
+    std::vector<uint8_t> expected{0xC0, 0xA8, 0x01, 0xC9, 0xFF, 0xFF, 0xFF, 0x00, 0x7F, 0x00, 0x00, last};
+    expected.insert(expected.end(), sensor.mac_bytes.begin(), sensor.mac_bytes.end());
+    EXPECT_EQ(sim_->LastPayload(0x21), expected) << sensor.mac;
+    EXPECT_EQ(sim_->Value("MAC Address"), sensor.mac);
+    EXPECT_EQ(sim_->Value("Gateway"), address);
+    ASSERT_TRUE(sim_->SetValue("Gateway", "192.168.1.1"));
+    ++last;
+  }
+
+  // A secret the table gives no bytes for is never sent as zeros.
+  m_->setErrorMsg("");
+  Edit(password, "hunter2", 1);
+  m_->Run(1);
+  EXPECT_EQ(Error(), "Set Failed: Access Password cannot be written: its bytes are not defined for this model");
+  EXPECT_EQ(sim_->CommandCount(0x29), 0u);
+  EXPECT_EQ(m_->getSetMapSize(), 1);
+}
+
+TEST_F(ManagerWriting, AFieldTheReplyDoesNotReachFailsTheWriteBeforeAnythingIsSent) {
+  // The sensor's firmware answers 0x02 without the last field the program's table knows.
+  const std::string sensor_table = vktest::kTableHeader +
+                                   "0,Settings,Mixed,,,,,,,,,,,,,,,\n"
+                                   "1,1,0x02,0x25,0,Code,1,MAC,00:0E:C6:01:02:03,,,,,1_1_1_1,6,0,,\n"
+                                   "1,2,0x02,0x25,1,Scale,1,uint16,1.00,,,0.1,,1_1_2_1,2,0,0.01,\n"
+                                   "1,3,0x02,0x25,2,Level,1,uint8,3,,,,,1_1_3_1,1,0,,\n";
+  Load("Mixa", sensor_table);
+  vktest::WriteTable(root_, "Mixa", sensor_table + "1,4,0x02,0x25,3,Extra,1,uint16,7,,,,,1_1_4_1,2,0,,\n");
+  m_->InitConfigFileParser("Mixa");
+  ASSERT_TRUE(Connect());
+  Edit({0, 2}, "7");
+  m_->Run(0);
+  EXPECT_EQ(Error(), "Set Failed: could not read Extra from the reply to 0x02 before writing");
+  EXPECT_EQ(sim_->CommandCount(0x25), 0u);
+  EXPECT_EQ(m_->getSetMapSize(), 1);
+
+  // With the sensor's own table: Code goes back as read, Scale (read and written with
+  // different coefficients) through its text, Level as edited.
+  vktest::WriteTable(root_, "Mixa", sensor_table);
+  m_->InitConfigFileParser("Mixa");
+  Edit({0, 2}, "7");
+  m_->setErrorMsg("");
+  m_->Run(0);
+  EXPECT_EQ(Error(), "");
+  EXPECT_EQ(sim_->LastPayload(0x25), (std::vector<uint8_t>{0x00, 0x0E, 0xC6, 0x01, 0x02, 0x03, 0x00, 0x64, 0x07}));
 }

@@ -213,6 +213,23 @@ Item {
             verify(ask.visible);
             mouseClick(child("messageConfirmButton"));
             tryVerify(() => harness.simValue("Data Port") === "80", 10000, "confirmed save not written");
+            tryVerify(() => child("successInfoWindow").visible, 10000, "no success notice");
+            closeNotices();
+
+            // A secret is masked, and its edit is refused before anything is sent.
+            harness.setSimValue("Data Port", "2368");  // back in range: no question first
+            vm.GetLidarModuleInfo(page);
+            var secret = findChild(child("row_Access Password"), "valueField");
+            compare(secret.echoMode, TextInput.Password);
+            compare(field.echoMode, TextInput.Normal);
+            typeText(secret, "hunter2");
+            harness.resetCounters();
+            save(page);
+            tryVerify(() => child("errorInfoWindow").visible, 10000, "no refusal");
+            verify(child("errorInfoWindow").message.indexOf(
+                       "Access Password cannot be written: its bytes are not defined for this model") >= 0,
+                   child("errorInfoWindow").message);
+            compare(harness.commandCount(0x29), 0);
         }
 
         function test_field_of_view_boxes() {
