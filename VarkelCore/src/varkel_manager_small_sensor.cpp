@@ -1,11 +1,11 @@
 // The small serial sensors: their functions, the information thread and the Marvo version
 // read. Wire forms and the decisions behind them: docs/small-sensors.md.
 
-#include <QFile>
 #include <QUrl>
 
 #include <chrono>
 
+#include "atomic_file.h"
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
 #include "serial_client.h"
@@ -142,13 +142,13 @@ int VarkelManager::ZeltoGetCorrection(QString path) {
     data.insert(data.end(), piece->data.begin(), piece->data.end());
   }
   const QString file_path = path.startsWith("file:") ? QUrl(path).toLocalFile() : path;
-  QFile file(file_path);
-  if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
-      file.write(reinterpret_cast<const char*>(data.data()), static_cast<qint64>(data.size())) !=
-          static_cast<qint64>(data.size())) {
+  // A failed write keeps the earlier correction file whole.
+  std::string why;
+  if (!quarn::WriteFileAtomically(file_path.toStdString(), data, &why)) {
     const char text[] = "create calibration file fail, save correction file error";
     setErrorMsg(text);
     emit sendLogMessage(text, "ERROR");
+    emit sendLogMessage(QString::fromStdString(why), "ERROR");
     return -1;
   }
   emit sendLogMessage("Correction file saved: " + file_path, "INFO");

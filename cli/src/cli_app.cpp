@@ -71,12 +71,16 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   diff->add_flag("--all", all, "compare read-only variables too");
   diff->callback([&] { action = [&] { return Diff(ctx, file, all); }; });
 
-  bool dry_run = false;
+  RestoreOptions restore_options;
   auto* restore = app.add_subcommand("restore", "write the backup's values that differ, then read them back");
   restore->add_option("file", file, "backup file")->required();
-  restore->add_flag("--dry-run", dry_run, "only list what would be written");
-  restore->add_flag("--force", force, "restore a backup of another model, or values outside their range");
-  restore->callback([&] { action = [&] { return Restore(ctx, file, dry_run, force); }; });
+  restore->add_flag("--dry-run", restore_options.dry_run, "only list what would be written");
+  restore->add_flag("--other-model", restore_options.other_model,
+                    "restore a backup of another model (entries whose id and name both match)");
+  restore->add_flag("--force", restore_options.force, "write values outside their range or options");
+  restore->add_flag("--rollback", restore_options.rollback,
+                    "when the restore stops, write back the values the sensor held before it");
+  restore->callback([&] { action = [&] { return Restore(ctx, file, restore_options); }; });
 
   std::string cmd_text;
   std::vector<std::string> payload;

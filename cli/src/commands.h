@@ -25,7 +25,13 @@ int Set(const Context& ctx, const std::vector<std::string>& assignments, bool fo
 int Backup(const Context& ctx, const std::string& file);
 // Writable variables only unless `all`: read-only ones (run times, temperatures) move.
 int Diff(const Context& ctx, const std::string& file, bool all);
-int Restore(const Context& ctx, const std::string& file, bool dry_run, bool force);
+struct RestoreOptions {
+  bool dry_run = false;
+  bool other_model = false;  // a backup of another model, entries matched by id and name
+  bool force = false;        // values outside their range or options
+  bool rollback = false;     // when the write stops, write back what the sensor held
+};
+int Restore(const Context& ctx, const std::string& file, const RestoreOptions& options);
 // A command byte and payload bytes as hexadecimal text; the reply's header and payload.
 int Console(const Context& ctx, const std::string& cmd, const std::vector<std::string>& payload);
 // Reset only with `yes`: it returns every setting to its factory value.

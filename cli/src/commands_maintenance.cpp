@@ -19,6 +19,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "atomic_file.h"
 #include "commands.h"
 #include "console_request.h"
 #include "log_file_name.h"
@@ -74,11 +75,9 @@ void SendRestartOrReset(Session& session, bool reset) {
   }
 }
 
+// A log cut off by a full disk must not pass for a whole one.
 bool WriteFile(const fs::path& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  out.close();
-  return static_cast<bool>(out);
+  return quarn::WriteFileAtomically(path.string(), bytes);
 }
 
 // Runs `args` (no shell: names are never read as commands) in `dir`, its output merged

@@ -1,5 +1,5 @@
-// models, info, get, set, backup, diff and restore: the variables of the table, read and
-// written with the window's reads, codecs, range checks and write order.
+// models, info, get, set, backup and diff: the variables of the table, read and written
+// with the window's reads, codecs, range checks and write order.
 
 #include <algorithm>
 #include <cctype>
@@ -10,29 +10,24 @@
 #include <memory>
 #include <set>
 
-#include <nlohmann/json.hpp>
-
+#include "atomic_file.h"
 #include "commands.h"
+#include "commands_shared.h"
 #include "number_text.h"
 #include "str_parser.h"
 #include "var_info.h"
 
 namespace varkel::cli {
 
-using Json = nlohmann::ordered_json;
+// Helpers used here only are static; the others are shared with restore (commands_shared.h).
+static const char kBackupFormat[] = "varkel-backup";
+static constexpr int kBackupVersion = 1;
 
-namespace {
-
-const char kBackupFormat[] = "varkel-backup";
-constexpr int kBackupVersion = 1;
-
-std::string Lower(std::string text) {
+static std::string Lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
 }
 
-// Texts the sensor gives back may be spelled differently from what was sent ("85" is
-// read as "85.00"); numbers compare by value, to the two decimals the window shows.
 bool SameValue(const std::string& a, const std::string& b) {
   if (a == b) return true;
   if (!IsNumberText(a) || !IsNumberText(b)) return false;
@@ -43,7 +38,7 @@ bool SameValue(const std::string& a, const std::string& b) {
   }
 }
 
-Json VarJson(const VarInfo& var) {
+static Json VarJson(const VarInfo& var) {
   return Json{{"id", var.var_id},
               {"name", var.var_name},
               {"type", var.var_type},
@@ -51,7 +46,6 @@ Json VarJson(const VarInfo& var) {
               {"writable", IsWritable(var)}};
 }
 
-// Every record in the order the window meets it: page by page, then the rest in file order.
 std::vector<VarInfo*> WalkOrder(const ConfigParser& table) {
   std::vector<VarInfo*> walk;
   std::set<const VarInfo*> seen;
@@ -65,7 +59,7 @@ std::vector<VarInfo*> WalkOrder(const ConfigParser& table) {
 }
 
 // Characters, not bytes: units such as "°C" are UTF-8.
-size_t Columns(const std::string& text) {
+static size_t Columns(const std::string& text) {
   size_t n = 0;
   for (unsigned char c : text) n += (c & 0xC0) != 0x80;
   return n;
@@ -87,13 +81,12 @@ void PrintTable(std::ostream& out, const std::vector<std::vector<std::string>>& 
   }
 }
 
-std::string FirstOf(const ConfigParser& table, std::initializer_list<const char*> names) {
+static std::string FirstOf(const ConfigParser& table, std::initializer_list<const char*> names) {
   for (const char* name : names)
     if (const VarInfo* var = table.FindByName(name)) return var->current_val;
   return "";
 }
 
-// Reads every variable named, or fails naming the first that could not be read.
 void ReadOrFail(Session& session, const std::vector<VarInfo*>& vars) {
   const auto failures = session.Read(vars);
   if (failures.empty()) return;
@@ -101,20 +94,13 @@ void ReadOrFail(Session& session, const std::vector<VarInfo*>& vars) {
   throw CliError(kExitSensor, "could not read " + var->var_name + ": " + failures.begin()->second);
 }
 
-struct Change {
-  VarInfo* var;
-  std::string value;
-};
-
 // The value of a combo may be given by its label ("20 Hz") as the window shows it.
-std::string OptionValue(const VarInfo& var, const std::string& text) {
+static std::string OptionValue(const VarInfo& var, const std::string& text) {
   for (const auto& [value, label] : var.option_labels)
     if (!label.empty() && Lower(label) == Lower(text)) return std::to_string(value);
   return text;
 }
 
-// The checks the window makes before Save, and the codec's own refusal, before anything
-// is sent.
 void CheckChange(const Change& change, bool force) {
   const VarInfo& var = *change.var;
   if (var.var_type == "raw" && var.permission != 0 && !var.set_cmd.empty())
@@ -156,7 +142,7 @@ void CheckChange(const Change& change, bool force) {
 
 // Writes the changes as the window's Save does, then reads them back. Returns the report
 // and whether every value reads back as written.
-bool WriteChanges(Session& session, const std::vector<Change>& changes, Json& report) {
+static bool WriteChanges(Session& session, const std::vector<Change>& changes, Json& report) {
   CliHost& host = session.host();
   std::map<std::string, bool> pending;
   for (const Change& change : changes) {
@@ -195,7 +181,7 @@ bool WriteChanges(Session& session, const std::vector<Change>& changes, Json& re
   return all_match;
 }
 
-void PrintWriteReport(const Context& ctx, const Json& report) {
+static void PrintWriteReport(const Context& ctx, const Json& report) {
   if (ctx.json) {
     *ctx.out << report.dump(2) << "\n";
     return;
@@ -227,8 +213,6 @@ Json LoadBackup(const std::string& file) {
       throw CliError(kExitBadInput, file + ": a variable without id or value: " + v.dump());
   return backup;
 }
-
-}  // namespace
 
 int Models(const Context& ctx) {
   const std::string dir = ctx.connection.config_dir.empty() ? DefaultConfigDir() : ctx.connection.config_dir;
@@ -343,10 +327,9 @@ int Backup(const Context& ctx, const std::string& file) {
                     {"firmware_version", FirstOf(session.table(), {"Firmware Version"})},
                     {"time", stamp},
                     {"variables", variables}};
-  std::ofstream out(file, std::ios::trunc);
-  out << backup.dump(2) << "\n";
-  out.close();
-  if (!out) throw CliError(kExitBadInput, "cannot write " + file);
+  // The earlier backup stays whole until the new one is.
+  std::string error;
+  if (!quarn::WriteFileAtomically(file, backup.dump(2) + "\n", &error)) throw CliError(kExitBadInput, error);
   const Json summary{{"file", file}, {"model", backup["model"]}, {"variables", vars.size()}};
   if (ctx.json)
     *ctx.out << summary.dump(2) << "\n";
@@ -400,52 +383,6 @@ int Diff(const Context& ctx, const std::string& file, bool all) {
              << " backup value(s) differ from the table's defaults\n";
   }
   return differences.empty() ? 0 : kExitDiffers;
-}
-
-int Restore(const Context& ctx, const std::string& file, bool dry_run, bool force) {
-  const Json backup = LoadBackup(file);
-  const std::string model = backup["model"];
-  if (model != ctx.connection.model && !force)
-    throw CliError(kExitBadInput, file + " is a backup of " + model + ", not of " + ctx.connection.model +
-                                      " (--force to restore it anyway)");
-  Session session(ctx.connection);
-  ConfigParser& table = session.table();
-  std::vector<Change> wanted;
-  for (const Json& v : backup["variables"]) {
-    VarInfo* var = table.FindById(v["id"].get<std::string>());
-    if (var && IsWritable(*var)) wanted.push_back(Change{var, v["value"].get<std::string>()});
-  }
-  std::vector<VarInfo*> vars;
-  for (const Change& change : wanted) vars.push_back(change.var);
-  ReadOrFail(session, vars);
-  std::vector<Change> changes;
-  Json planned = Json::array();
-  for (const Change& change : wanted) {
-    if (SameValue(change.var->current_val, change.value)) continue;
-    changes.push_back(change);
-    planned.push_back(Json{{"id", change.var->var_id},
-                           {"name", change.var->var_name},
-                           {"sensor", change.var->current_val},
-                           {"backup", change.value}});
-  }
-  for (const Change& change : changes) CheckChange(change, force);
-  if (dry_run || changes.empty()) {
-    if (ctx.json) {
-      *ctx.out << Json{{"dry_run", dry_run}, {"changes", planned}}.dump(2) << "\n";
-    } else if (changes.empty()) {
-      *ctx.out << "nothing to restore: the sensor holds the backup's values\n";
-    } else {
-      std::vector<std::vector<std::string>> rows{{"ID", "NAME", "SENSOR", "WOULD WRITE"}};
-      for (const Json& p : planned) rows.push_back({p["id"], p["name"], p["sensor"], p["backup"]});
-      PrintTable(*ctx.out, rows);
-    }
-    return 0;
-  }
-  Json report = Json::object();
-  const bool ok = WriteChanges(session, changes, report);
-  PrintWriteReport(ctx, report);
-  if (!ok) throw CliError(kExitSensor, "a restored value does not read back as written");
-  return 0;
 }
 
 }  // namespace varkel::cli

@@ -53,8 +53,11 @@ TEST_F(CliTest, BackupSetDiffRestoreRoundTrip) {
   Result restore = Run({"--json", "restore", File("b.json")});
   ASSERT_EQ(restore.status, 0) << restore.err;
   const Json r = Json::parse(restore.out);
-  EXPECT_EQ(r["commands"], (Json{"0x31", "0x2B"}));
-  for (const Json& v : r["variables"]) EXPECT_TRUE(v["ok"].get<bool>()) << v;
+  EXPECT_EQ(r["written"][0]["command"], "0x31");
+  EXPECT_EQ(r["written"][1]["command"], "0x2B");
+  EXPECT_EQ(r["written"].size(), 2u);
+  EXPECT_EQ(r["not_sent"].size(), 0u);
+  for (const Json& v : r["read_back"]) EXPECT_TRUE(v["ok"].get<bool>()) << v;
   EXPECT_EQ(sim_->Value("Spin Rate"), "600");
   EXPECT_EQ(Run({"diff", File("b.json")}).status, 0);
   EXPECT_NE(Run({"restore", File("b.json")}).out.find("nothing to restore"), std::string::npos);

@@ -7,10 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <climits>
+#include <csignal>
 #include <functional>
 #include <string>
 #include <vector>
@@ -159,6 +161,17 @@ TEST_P(BothLinks, CorrectionFileArrivesWholeInPieces) {
 
   EXPECT_NE(m_->ZeltoGetCorrection(QString::fromStdString(root_ + "/no-such-dir/c.bin")), 0);
   EXPECT_EQ(Error(), "create calibration file fail, save correction file error");
+  // A write cut off part-way (a size limit holds for root too) keeps the earlier file whole.
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit saved{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+  rlimit small = saved;
+  small.rlim_cur = 1024;
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  const int cut = m_->ZeltoGetCorrection(QString::fromStdString(path));
+  ::setrlimit(RLIMIT_FSIZE, &saved);
+  EXPECT_EQ(cut, -1);
+  EXPECT_EQ(QFile(QString::fromStdString(path)).size(), static_cast<qint64>(want.size()));
 
   // A failed piece leaves the file as it was.
   sim_->SetLinkLost(true);
