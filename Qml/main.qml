@@ -1,7 +1,6 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
-import QtQuick.Dialogs 1.3
 import "assembly"
 
 // The main user interface. It holds no lidar logic: it binds to the controller
@@ -384,10 +383,7 @@ Rectangle {
                         logWindow.requestActivate();
                     }
                     onOperationLogRequested: operationLogDialog.open()
-                    onLogRequested: {
-                        logFolderDialog.logName = name;
-                        logFolderDialog.open();
-                    }
+                    onLogRequested: logFolderDialog.openFor(name)
                 }
 
                 CommandPage {
@@ -422,20 +418,38 @@ Rectangle {
         id: logWindow
         manager: varkel_manager
     }
-    DocumentsFileDialog {
+    // The file dialogs and the About box are made on first use and then kept (the dialogs
+    // remember their folder): the desktop's file dialog brings a widget stack and a settings
+    // store the window does not need until the user downloads.
+    Loader {
         id: operationLogDialog
-        title: "Save the operation log as"
-        selectExisting: false
-        nameFilters: ["Archives (*.tar)", "All files (*)"]
-        onAccepted: root.downloadOperationLog(fileUrl)
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            title: "Save the operation log as"
+            selectExisting: false
+            nameFilters: ["Archives (*.tar)", "All files (*)"]
+            onAccepted: root.downloadOperationLog(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
     }
-    DocumentsFileDialog {
+    Loader {
         id: logFolderDialog
-        objectName: "logFolderDialog"
-        property string logName: ""
-        title: "Folder for the " + logName
-        selectFolder: true
-        onAccepted: root.downloadLog(fileUrl, logName)
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            objectName: "logFolderDialog"
+            property string logName: ""
+            title: "Folder for the " + logName
+            selectFolder: true
+            onAccepted: root.downloadLog(fileUrl, logName)
+        }
+        function openFor(name) {
+            active = true;
+            item.logName = name;
+            item.open();
+        }
     }
     MessageWindow {
         id: messageWindow
@@ -451,5 +465,13 @@ Rectangle {
     }
     ErrorInfoWindow { id: errorInfoWindow }
     SuccessInfoWindow { id: successInfoWindow }
-    AboutWindow { id: aboutWindow }
+    Loader {
+        id: aboutWindow
+        active: false
+        sourceComponent: AboutWindow {}
+        function open() {
+            active = true;
+            item.open();
+        }
+    }
 }
