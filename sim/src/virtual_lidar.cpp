@@ -10,22 +10,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 
 #include "command_key.h"
 #include "device_log.h"
-#include "firmware_image.h"
 #include "ktc_wire.h"
 #include "model_table.h"
-#include "ota_receiver.h"
 #include "platform/net.h"
-#include "point_cloud.h"
 #include "pty_pair.h"
 #include "register_bank.h"
 #include "reply_path.h"
-#include "return_codes.h"
 #include "serial_wire.h"
 #include "udp_emitter.h"
 #include "virtual_lidar_parts.h"

@@ -1,28 +1,14 @@
 #include "virtual_lidar.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "command_key.h"
 #include "device_log.h"
 #include "firmware_image.h"
 #include "ktc_wire.h"
-#include "model_table.h"
-#include "ota_receiver.h"
 #include "platform/net.h"
-#include "point_cloud.h"
-#include "pty_pair.h"
 #include "register_bank.h"
 #include "reply_path.h"
 #include "return_codes.h"
