@@ -1,7 +1,6 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
 import QtQuick.Layouts 1.15
-import QtQuick.Dialogs 1.3
 import "assembly"
 
 // The main user interface. It holds no lidar logic: it binds to the controller
@@ -19,7 +18,7 @@ Rectangle {
     readonly property var pageEntries: varkel_manager.level2List
     readonly property int pageCount: pageTitles.length
     readonly property int currentPage: tabs.currentIndex
-    readonly property string selectedModel: modelCombo.currentText
+    readonly property string selectedModel: topBar.selectedModel
     // Values as of the last read, and as of the last timer round.
     property var snapshot: varkel_manager.myMap
     property var liveMap: varkel_manager.myMap
@@ -219,15 +218,6 @@ Rectangle {
         varkel_manager.DownloadLog(folderUrl, name);
     }
 
-    function modelIndexAtStart() {
-        var list = varkel_manager.LidarModelList;
-        var wanted = varkel_manager.getVMNowName();
-        if (wanted === "") wanted = "Quenta";
-        for (var k = 0; k < list.length; ++k)
-            if (String(list[k]) === wanted) return k;
-        return list.length > 0 ? 0 : -1;
-    }
-
     // ---- the controller's signals ------------------------------------------------------
 
     Connections {
@@ -291,7 +281,7 @@ Rectangle {
             if (!varkel_manager.IsConnected || varkel_manager.IsUpgrading || varkel_manager.IsDownloadLog) return;
             if (!varkel_manager.CheckLidarConnection()) {
                 stop();
-                connectButton.clicked();
+                root.pressConnect();
             }
         }
     }
@@ -317,157 +307,20 @@ Rectangle {
         anchors.fill: parent
         spacing: 0
 
-        // Top bar
-        Rectangle {
+        TopBar {
+            id: topBar
             Layout.fillWidth: true
             Layout.preferredHeight: Theme.topBarHeight
-            color: Theme.panel
-
-            Rectangle {
-                anchors.left: parent.left
-                anchors.right: parent.right
-                anchors.bottom: parent.bottom
-                height: 1
-                color: Theme.divider
-            }
-
-            RowLayout {
-                anchors.fill: parent
-                anchors.leftMargin: Theme.margin
-                anchors.rightMargin: Theme.margin
-                spacing: 10
-
-                Image {
-                    source: "qrc:/png/Varkel-LOGO-black.svg"
-                    sourceSize.width: 30
-                    sourceSize.height: 30
-                    Layout.preferredWidth: 30
-                    Layout.preferredHeight: 30
-                }
-                Text {
-                    objectName: "titleText"
-                    text: "Varkel"
-                    font.family: Theme.fontFamily
-                    font.pixelSize: Theme.fontSizeTitle
-                    font.bold: true
-                    color: Theme.text
-                    Layout.rightMargin: 14
-                }
-
-                // Network fields (KTC over TCP/TLS, and the small sensors' network side)
-                FieldLabel { text: "IPv4 Address:"; visible: root.connectType !== 1 }
-                DefaultTextField {
-                    objectName: "ipField"
-                    visible: root.connectType !== 1
-                    Layout.preferredWidth: 122
-                    text: varkel_manager.ip_address
-                    enabled: !root.connected
-                    onTextEdited: varkel_manager.ip_address = text
-                }
-                FieldLabel { text: "KTC/KTCS Port:"; visible: root.connectType !== 1 }
-                DefaultTextField {
-                    objectName: "portField"
-                    visible: root.connectType !== 1
-                    Layout.preferredWidth: 60
-                    text: varkel_manager.port
-                    enabled: !root.connected
-                    onTextEdited: varkel_manager.port = text
-                }
-                FieldLabel { text: "Udp Port:"; visible: root.connectType !== 1 }
-                DefaultTextField {
-                    objectName: "udpPortField"
-                    visible: root.connectType !== 1
-                    Layout.preferredWidth: 60
-                    text: varkel_manager.udpPort
-                    enabled: !root.connected
-                    validator: IntValidator { bottom: 0; top: 65535 }
-                    // Only whole numbers reach the controller, which refuses anything else.
-                    onTextEdited: if (acceptableInput) varkel_manager.udpPort = text
-                }
-
-                // Serial fields
-                FieldLabel { text: "RS485 Serial Port:"; visible: root.connectType === 1 }
-                DefaultTextField {
-                    objectName: "rs485Field"
-                    visible: root.connectType === 1
-                    Layout.preferredWidth: 120
-                    text: varkel_manager.serial_port_485
-                    enabled: !root.connected
-                    onTextEdited: varkel_manager.serial_port_485 = text
-                }
-                FieldLabel { text: "UART Serial Port:"; visible: root.connectType === 1 }
-                DefaultTextField {
-                    objectName: "uartField"
-                    visible: root.connectType === 1
-                    Layout.preferredWidth: 120
-                    text: varkel_manager.serial_port_232
-                    enabled: !root.connected
-                    onTextEdited: varkel_manager.serial_port_232 = text
-                }
-
-                FieldLabel { text: "Baud Rate:" }
-                DefaultComboBox {
-                    id: baudCombo
-                    objectName: "baudRateCombo"
-                    Layout.preferredWidth: 104
-                    editable: true
-                    enabled: !root.connected
-                    model: {
-                        var offers = ["3000000", "3125000"];
-                        var current = String(varkel_manager.baud_rate);
-                        if (current !== "" && offers.indexOf(current) < 0) offers.push(current);
-                        return offers;
-                    }
-                    currentIndex: Math.max(0, model.indexOf(String(varkel_manager.baud_rate)))
-                    validator: IntValidator { bottom: 1 }
-                    onActivated: varkel_manager.baud_rate = currentText
-                    onAccepted: varkel_manager.baud_rate = editText
-                }
-
-                Item { Layout.fillWidth: true }
-
-                Rectangle {
-                    id: light
-                    objectName: "connectionLight"
-                    width: 14
-                    height: 14
-                    radius: 7
-                    color: root.connected ? Theme.connected : Theme.disconnected
-                    border.width: 2
-                    border.color: Qt.darker(color, 1.6)
-                }
-                DefaultComboBox {
-                    id: modelCombo
-                    objectName: "modelCombo"
-                    Layout.preferredWidth: 128
-                    model: varkel_manager.LidarModelList
-                    enabled: !root.connected && varkel_manager.getVMNowName() === ""
-                    Component.onCompleted: currentIndex = root.modelIndexAtStart()
-                    onActivated: root.selectModel(currentText)
-                }
-                DefaultToolButton {
-                    id: connectButton
-                    objectName: "connectButton"
-                    Layout.preferredWidth: 108
-                    text: root.connected ? "Disconnect" : "Connect"
-                    color: root.connected ? Theme.surface : Theme.accent
-                    enabled: !varkel_manager.IsDownloadLog
-                    onClicked: root.pressConnect()
-                }
-                MaintenanceMenuButton {
-                    objectName: "maintenanceButton"
-                    visible: root.hasMaintenanceMenu
-                    actionsEnabled: root.canMaintain && root.lineIdle
-                    onRestartRequested: root.restartLidar()
-                    onResetRequested: root.askReset()
-                }
-                DefaultToolButton {
-                    objectName: "aboutButton"
-                    text: "About"
-                    secondary: true
-                    onClicked: aboutWindow.open()
-                }
-            }
+            connectType: root.connectType
+            connected: root.connected
+            hasMaintenanceMenu: root.hasMaintenanceMenu
+            canMaintain: root.canMaintain
+            lineIdle: root.lineIdle
+            onModelSelected: root.selectModel(model)
+            onConnectPressed: root.pressConnect()
+            onRestartRequested: root.restartLidar()
+            onResetRequested: root.askReset()
+            onAboutRequested: aboutWindow.open()
         }
 
         Item {
@@ -517,83 +370,20 @@ Rectangle {
                     }
                 }
 
-                // Log page
-                Item {
-                    Column {
-                        x: Theme.margin + 8
-                        y: Theme.margin
-                        width: Math.max(560, Math.round(parent.width * 0.6))
-                        spacing: 0
-
-                        Text {
-                            text: "Log"
-                            font.family: Theme.fontFamily
-                            font.pixelSize: Theme.fontSizeHeading + 3
-                            font.bold: true
-                            color: Theme.text
-                            bottomPadding: 10
-                        }
-                        Item {
-                            width: parent.width
-                            height: Theme.rowHeight + 8
-                            Text {
-                                anchors.verticalCenter: parent.verticalCenter
-                                text: "VK Log Window"
-                                font.family: Theme.fontFamily
-                                font.pixelSize: Theme.fontSize
-                                color: Theme.textDim
-                            }
-                            Text {
-                                anchors.verticalCenter: parent.verticalCenter
-                                x: Math.round(parent.width * 0.38) + 16
-                                text: logWindow.lineCount + (logWindow.lineCount === 1 ? " line" : " lines")
-                                font.family: Theme.fontFamily
-                                font.pixelSize: Theme.fontSize
-                                color: Theme.text
-                            }
-                            DefaultToolButton {
-                                objectName: "openLogButton"
-                                anchors.right: parent.right
-                                anchors.verticalCenter: parent.verticalCenter
-                                text: "Open"
-                                onClicked: {
-                                    logWindow.show();
-                                    logWindow.raise();
-                                    logWindow.requestActivate();
-                                }
-                            }
-                            Rectangle {
-                                anchors.left: parent.left
-                                anchors.right: parent.right
-                                anchors.bottom: parent.bottom
-                                height: 1
-                                color: Theme.divider
-                            }
-                        }
-                        LogDownloadRow {
-                            objectName: "logRow_Operation Log"
-                            width: parent.width
-                            visible: root.connectType === 0 && root.hasOperationLog
-                            label: "Operation Log"
-                            busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
-                            canStart: root.canDownloadLogs && root.lineIdle
-                            onTriggered: operationLogDialog.open()
-                        }
-                        Repeater {
-                            model: root.connectType === 0 ? varkel_manager.logRepeaterModel : []
-                            delegate: LogDownloadRow {
-                                objectName: "logRow_" + label
-                                width: parent.width
-                                label: String(modelData)
-                                busy: varkel_manager.IsDownloadLog && root.activeLogDownload === label
-                                canStart: root.canDownloadLogs && root.lineIdle
-                                onTriggered: {
-                                    logFolderDialog.logName = label;
-                                    logFolderDialog.open();
-                                }
-                            }
-                        }
+                LogPage {
+                    connectType: root.connectType
+                    hasOperationLog: root.hasOperationLog
+                    canDownloadLogs: root.canDownloadLogs
+                    lineIdle: root.lineIdle
+                    activeLogDownload: root.activeLogDownload
+                    logLineCount: logWindow.lineCount
+                    onOpenLogRequested: {
+                        logWindow.show();
+                        logWindow.raise();
+                        logWindow.requestActivate();
                     }
+                    onOperationLogRequested: operationLogDialog.open()
+                    onLogRequested: logFolderDialog.openFor(name)
                 }
 
                 CommandPage {
@@ -602,44 +392,14 @@ Rectangle {
             }
         }
 
-        // Status bar
-        Rectangle {
+        StatusBar {
             Layout.fillWidth: true
             Layout.preferredHeight: 28
-            color: Theme.panel
-
-            RowLayout {
-                anchors.fill: parent
-                anchors.leftMargin: Theme.margin
-                anchors.rightMargin: Theme.margin
-                spacing: 8
-                Rectangle {
-                    width: 8
-                    height: 8
-                    radius: 4
-                    color: root.connected ? Theme.connected : Theme.disconnected
-                }
-                Text {
-                    objectName: "statusText"
-                    text: (root.connected ? "Connected" : "Not connected")
-                          + (root.connectType === 1 ? "  \u00b7  " + varkel_manager.serial_port_485
-                                                    : "  \u00b7  " + varkel_manager.ip_address + ":" + varkel_manager.port)
-                          + (root.selectedModel !== "" ? "  \u00b7  " + root.selectedModel : "")
-                    font.family: Theme.fontFamily
-                    font.pixelSize: Theme.fontSizeSmall
-                    color: Theme.textDim
-                }
-                Item { Layout.fillWidth: true }
-                Text {
-                    Layout.maximumWidth: root.width * 0.55
-                    text: root.lastLogText
-                    elide: Text.ElideRight
-                    font.family: Theme.fontFamily
-                    font.pixelSize: Theme.fontSizeSmall
-                    color: root.lastLogType === "ERROR" ? Theme.error
-                         : root.lastLogType === "WARNING" ? Theme.warning : Theme.textDim
-                }
-            }
+            connectType: root.connectType
+            connected: root.connected
+            selectedModel: root.selectedModel
+            lastLogText: root.lastLogText
+            lastLogType: root.lastLogType
         }
     }
 
@@ -658,20 +418,38 @@ Rectangle {
         id: logWindow
         manager: varkel_manager
     }
-    DocumentsFileDialog {
+    // The file dialogs and the About box are made on first use and then kept (the dialogs
+    // remember their folder): the desktop's file dialog brings a widget stack and a settings
+    // store the window does not need until the user downloads.
+    Loader {
         id: operationLogDialog
-        title: "Save the operation log as"
-        selectExisting: false
-        nameFilters: ["Archives (*.tar)", "All files (*)"]
-        onAccepted: root.downloadOperationLog(fileUrl)
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            title: "Save the operation log as"
+            selectExisting: false
+            nameFilters: ["Archives (*.tar)", "All files (*)"]
+            onAccepted: root.downloadOperationLog(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
     }
-    DocumentsFileDialog {
+    Loader {
         id: logFolderDialog
-        objectName: "logFolderDialog"
-        property string logName: ""
-        title: "Folder for the " + logName
-        selectFolder: true
-        onAccepted: root.downloadLog(fileUrl, logName)
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            objectName: "logFolderDialog"
+            property string logName: ""
+            title: "Folder for the " + logName
+            selectFolder: true
+            onAccepted: root.downloadLog(fileUrl, logName)
+        }
+        function openFor(name) {
+            active = true;
+            item.logName = name;
+            item.open();
+        }
     }
     MessageWindow {
         id: messageWindow
@@ -687,5 +465,13 @@ Rectangle {
     }
     ErrorInfoWindow { id: errorInfoWindow }
     SuccessInfoWindow { id: successInfoWindow }
-    AboutWindow { id: aboutWindow }
+    Loader {
+        id: aboutWindow
+        active: false
+        sourceComponent: AboutWindow {}
+        function open() {
+            active = true;
+            item.open();
+        }
+    }
 }

@@ -1,4 +1,4 @@
-// Start-up: look, install root, fonts, identity, then the one main window.
+// Start-up: renderer, look, install root, fonts, identity, then the one main window.
 
 #include <QApplication>
 #include <QDebug>
@@ -13,6 +13,7 @@
 #include "module_arg.h"
 #include "palette.h"
 #include "quit_on_signal.h"
+#include "render_choice.h"
 #include "scale_factor.h"
 #include "screen_metrics.h"
 
@@ -22,6 +23,8 @@ constexpr const char* kWindowIconPath = "png/Varkel-LOGO-black.svg";
 
 // Steps that must run before the application object exists, so the scale factor counts.
 QPalette PrepareBeforeApplication(int argc, char** argv) {
+  // First: the screen probe below starts Qt already.
+  varkel::app::PreferSoftwareRendering();
   QPalette palette = varkel::app::BuildVarkelPalette();
   QCoreApplication::setAttribute(Qt::AA_DisableHighDpiScaling);
   const varkel::app::ScaleDecision d =

@@ -1,6 +1,5 @@
 import QtQuick 2.15
 import QtQuick.Controls 2.15
-import QtQuick.Dialogs 1.3
 import QtQuick.Layouts 1.15
 import "."
 
@@ -111,12 +110,20 @@ Item {
         }
     }
 
-    DocumentsFileDialog {
+    // Made on first use, as the window's other file dialogs.
+    Loader {
         id: dialog
-        title: "Choose an upgrade package"
-        selectMultiple: false
-        nameFilters: ["Upgrade packages (*" + area.acceptedSuffixes.join(" *") + ")"]
-        onAccepted: area.submit(fileUrl)
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            title: "Choose an upgrade package"
+            selectMultiple: false
+            nameFilters: ["Upgrade packages (*" + area.acceptedSuffixes.join(" *") + ")"]
+            onAccepted: area.submit(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
     }
 
     ColumnLayout {

@@ -347,7 +347,6 @@ class VarkelManager : public QObject {
   // Back to the placeholders, as before any reply.
   void ResetSmallSensorInfo();
   void SetSmallSensorText(size_t index, const std::string& text);
-  void ClearPendingWrites();
   // Runs `body` on a thread that the destructor joins; finished ones are reaped here.
   void StartWorker(std::function<void()> body);
   void JoinWorkers();
@@ -363,6 +362,8 @@ class VarkelManager : public QObject {
   void Trace(const char* operation, const std::string& text) const;
   void StoreValue(VarInfo* var, const std::string& text);
   std::string ValueOf(const VarInfo* var) const;
+  // Drops the user's edits; a model change and a disconnect both do.
+  void ClearPendingWrites();
 
   // Page (module) last announced by the UI.
   std::atomic<int> module_index_use_{0};

@@ -284,12 +284,6 @@ void VarkelManager::CloseTransports() {
   if (uart) uart->Close();
 }
 
-void VarkelManager::ClearPendingWrites() {
-  std::lock_guard<std::mutex> lock(fields_mutex_);
-  set_map_.clear();
-  edited_values_.clear();
-}
-
 void VarkelManager::Stop() {
   std::lock_guard<std::mutex> lock(disconnect_mutex_);
   // Every transport is closed whatever connectType says: the small-sensor functions switch

@@ -131,6 +131,14 @@ void VarkelManager::SetSnValuesUnknown() {
   values_version_.fetch_add(1);
 }
 
+// The user's edits name variables of the loaded table: they go with it, and with the
+// connection that would have written them.
+void VarkelManager::ClearPendingWrites() {
+  std::lock_guard<std::mutex> lock(fields_mutex_);
+  set_map_.clear();
+  edited_values_.clear();
+}
+
 // ---- what the pages read ----------------------------------------------------------------
 
 QVariantList VarkelManager::getMyMap() {
