@@ -310,14 +310,17 @@ void VirtualLidar::Serve(Connection* conn) {
       if (!req) break;
       path_->TraceIn("KTC", req->frame.data(), req->frame.size());
       Count(*req);
-      Reply reply = Dispatch(*req, conn);
       FailureSpec failure = FailureFor(req->cmd);
       bool silent = false;
       {
         std::lock_guard<std::mutex> lock(state_mu_);
         silent = silent_[req->cmd];
       }
-      if (silent || !reply.send) continue;
+      if (silent) continue;
+      // A swallowed or refused request is not taken: nothing is written, no transfer moves.
+      const bool refused = failure.mode == FailureMode::kNoReply || failure.mode == FailureMode::kReturnCode;
+      Reply reply = refused ? Reply{} : Dispatch(*req, conn);
+      if (!reply.send) continue;
       // A swallowed or refused request leaves the sensor running; the other failure modes
       // only spoil the reply on its way, the sensor itself has taken the command.
       const bool restart = reply.lifecycle != Lifecycle::kNone && failure.mode != FailureMode::kNoReply &&
