@@ -44,6 +44,10 @@ Item {
     readonly property string value: info ? String(info.current_val) : ""
     readonly property bool editable: canWrite && info !== null && Number(info.permission) !== 0
     readonly property bool outOfRange: info !== null && outOfRangeNames.indexOf(String(info.var_name)) >= 0
+    // The controller's word on where the value comes from: "" when read over this
+    // connection, otherwise the reason it is drawn dimmed (the tooltip).
+    readonly property string readNote: info && info.read_note !== undefined ? String(info.read_note) : ""
+    readonly property bool unread: readNote !== ""
 
     function optionTexts() {
         if (!info || !info.options) return [];
@@ -135,6 +139,15 @@ Item {
                            : row.kind === 2 ? switchedField
                            : row.kind === 3 ? optionCombo
                            : row.kind === 5 ? fovRow : null
+            // The field-of-view boxes carry their own notes.
+            ReadNoteArea {
+                objectName: "readNote"
+                z: 1
+                anchors.fill: undefined
+                width: row.kind === 5 ? 150 : parent.width
+                height: row.kind === 5 ? Theme.rowHeight : parent.height
+                note: row.readNote
+            }
         }
     }
 
@@ -142,13 +155,14 @@ Item {
         id: valueText
         Item {
             Text {
+                objectName: "valueText"
                 anchors.verticalCenter: parent.verticalCenter
                 width: parent.width
                 text: row.valueLabel()
                 elide: Text.ElideRight
                 font.family: Theme.fontFamily
                 font.pixelSize: Theme.fontSize
-                color: row.timerUpdated ? Theme.live : Theme.text
+                color: row.unread ? Theme.unread : row.timerUpdated ? Theme.live : Theme.text
             }
         }
     }
@@ -163,6 +177,7 @@ Item {
                 width: Math.min(parent.width, 320)
                 enabled: row.editable
                 warn: row.outOfRange
+                unread: row.unread
                 // Edits are recorded at once, so Save needs no Enter first.
                 onTextEdited: row.manager.SetText(1, row.moduleIndex, row.groupIndex, row.varIndex, text)
                 Component.onCompleted: text = row.value
@@ -202,6 +217,7 @@ Item {
                     Layout.fillWidth: true
                     enabled: row.editable && toggle.checked
                     warn: row.outOfRange
+                    unread: row.unread
                     onTextEdited: row.manager.SetText(1, row.moduleIndex, row.groupIndex, row.varIndex, text)
                     Component.onCompleted: text = row.value
                     Connections {
@@ -223,6 +239,7 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 width: Math.min(parent.width, 320)
                 enabled: row.editable
+                unread: row.unread
                 model: row.optionTexts()
                 currentIndex: row.optionIndex()
                 onActivated: row.manager.SetText(3, row.moduleIndex, row.groupIndex, row.varIndex, String(index))
@@ -240,15 +257,35 @@ Item {
                 Layout.topMargin: (Theme.rowHeight - Theme.controlHeight) / 2
                 Layout.preferredWidth: 150
                 enabled: row.editable
+                unread: row.unread
                 model: row.optionTexts()
                 currentIndex: row.optionIndex()
                 onActivated: row.manager.SetText(3, row.moduleIndex, row.groupIndex, row.varIndex, String(index))
             }
-            FovEditor {
+            Item {
                 Layout.fillWidth: true
-                Layout.alignment: Qt.AlignVCenter
-                manager: row.manager
-                enabled: row.canEditFov && row.editable
+                Layout.fillHeight: true
+                FovEditor {
+                    id: fovEditor
+                    anchors.left: parent.left
+                    anchors.right: parent.right
+                    anchors.verticalCenter: parent.verticalCenter
+                    manager: row.manager
+                    enabled: row.canEditFov && row.editable
+                }
+                // Outside the editor, so that the notes show while it is disabled.
+                Repeater {
+                    model: 10
+                    delegate: ReadNoteArea {
+                        readonly property Item box: fovEditor.boxCount > 0 ? fovEditor.box(index) : null
+                        anchors.fill: undefined
+                        x: fovEditor.x + (box ? box.x : 0)
+                        y: fovEditor.y + (box ? box.y : 0)
+                        width: box ? box.width : 0
+                        height: box ? box.height : 0
+                        note: fovEditor.noteOf(index)
+                    }
+                }
             }
         }
     }
