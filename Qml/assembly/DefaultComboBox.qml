@@ -2,9 +2,11 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import "."
 
-// Drop-down list in the field style; works editable or not.
+// Drop-down list in the field style; works editable or not. `unread` dims a value the
+// sensor has not sent.
 ComboBox {
     id: control
+    property bool unread: false
     implicitHeight: Theme.controlHeight
     implicitWidth: 140
     hoverEnabled: true
@@ -64,7 +66,7 @@ ComboBox {
         validator: control.validator
         selectByMouse: control.selectTextByMouse
         font: control.font
-        color: control.enabled ? Theme.text : Theme.textDim
+        color: control.unread ? Theme.unread : control.enabled ? Theme.text : Theme.textDim
         selectionColor: Theme.accent
         verticalAlignment: Text.AlignVCenter
         background: null

@@ -2,10 +2,12 @@ import QtQuick 2.15
 import QtQuick.Controls 2.15
 import "."
 
-// Single-line entry on the dark field colour; `warn` outlines it in red.
+// Single-line entry on the dark field colour; `warn` outlines it in red, `unread` dims a
+// value the sensor has not sent.
 TextField {
     id: control
     property bool warn: false
+    property bool unread: false
 
     implicitHeight: Theme.controlHeight
     implicitWidth: 140
@@ -16,7 +18,7 @@ TextField {
     hoverEnabled: true
     font.family: Theme.fontFamily
     font.pixelSize: Theme.fontSize
-    color: enabled ? Theme.text : Theme.textDim
+    color: unread ? Theme.unread : enabled ? Theme.text : Theme.textDim
     selectionColor: Theme.accent
     selectedTextColor: Theme.text
     placeholderTextColor: Theme.textFaint

@@ -30,6 +30,9 @@ QtObject {
     readonly property color success: "#2ED47A"
     readonly property color bytes: "#7FA8FF"
     readonly property color live: "#00D9A3"
+    // A value the sensor has not sent over this connection (the table's default, or the
+    // last one read before a disconnect).
+    readonly property color unread: "#676B71"
 
     // Fonts
     readonly property string fontFamily: "Roboto"

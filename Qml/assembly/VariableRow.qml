@@ -46,6 +46,10 @@ Item {
     readonly property bool outOfRange: info !== null && outOfRangeNames.indexOf(String(info.var_name)) >= 0
     // Raw rows hold secrets (keys, passwords): never shown over a shoulder.
     readonly property bool masked: info !== null && String(info.var_type) === "raw"
+    // The controller's word on where the value comes from: "" when read over this
+    // connection, otherwise the reason it is drawn dimmed (the tooltip).
+    readonly property string readNote: info && info.read_note !== undefined ? String(info.read_note) : ""
+    readonly property bool unread: readNote !== ""
 
     function optionTexts() {
         if (!info || !info.options) return [];
@@ -137,6 +141,15 @@ Item {
                            : row.kind === 2 ? switchedField
                            : row.kind === 3 ? optionCombo
                            : row.kind === 5 ? fovRow : null
+            // The field-of-view boxes carry their own notes.
+            ReadNoteArea {
+                objectName: "readNote"
+                z: 1
+                anchors.fill: undefined
+                width: row.kind === 5 ? 150 : parent.width
+                height: row.kind === 5 ? Theme.rowHeight : parent.height
+                note: row.readNote
+            }
         }
     }
 
@@ -144,13 +157,14 @@ Item {
         id: valueText
         Item {
             Text {
+                objectName: "valueText"
                 anchors.verticalCenter: parent.verticalCenter
                 width: parent.width
                 text: row.valueLabel()
                 elide: Text.ElideRight
                 font.family: Theme.fontFamily
                 font.pixelSize: Theme.fontSize
-                color: row.timerUpdated ? Theme.live : Theme.text
+                color: row.unread ? Theme.unread : row.timerUpdated ? Theme.live : Theme.text
             }
         }
     }
@@ -166,6 +180,7 @@ Item {
                 enabled: row.editable
                 warn: row.outOfRange
                 echoMode: row.masked ? TextInput.Password : TextInput.Normal
+                unread: row.unread
                 // Edits are recorded at once, so Save needs no Enter first.
                 onTextEdited: row.manager.SetText(1, row.moduleIndex, row.groupIndex, row.varIndex, text)
                 Component.onCompleted: text = row.value
@@ -206,6 +221,7 @@ Item {
                     enabled: row.editable && toggle.checked
                     warn: row.outOfRange
                     echoMode: row.masked ? TextInput.Password : TextInput.Normal
+                    unread: row.unread
                     onTextEdited: row.manager.SetText(1, row.moduleIndex, row.groupIndex, row.varIndex, text)
                     Component.onCompleted: text = row.value
                     Connections {
@@ -227,6 +243,7 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 width: Math.min(parent.width, 320)
                 enabled: row.editable
+                unread: row.unread
                 model: row.optionTexts()
                 currentIndex: row.optionIndex()
                 onActivated: row.manager.SetText(3, row.moduleIndex, row.groupIndex, row.varIndex, String(index))
@@ -244,15 +261,35 @@ Item {
                 Layout.topMargin: (Theme.rowHeight - Theme.controlHeight) / 2
                 Layout.preferredWidth: 150
                 enabled: row.editable
+                unread: row.unread
                 model: row.optionTexts()
                 currentIndex: row.optionIndex()
                 onActivated: row.manager.SetText(3, row.moduleIndex, row.groupIndex, row.varIndex, String(index))
             }
-            FovEditor {
+            Item {
                 Layout.fillWidth: true
-                Layout.alignment: Qt.AlignVCenter
-                manager: row.manager
-                enabled: row.canEditFov && row.editable
+                Layout.fillHeight: true
+                FovEditor {
+                    id: fovEditor
+                    anchors.left: parent.left
+                    anchors.right: parent.right
+                    anchors.verticalCenter: parent.verticalCenter
+                    manager: row.manager
+                    enabled: row.canEditFov && row.editable
+                }
+                // Outside the editor, so that the notes show while it is disabled.
+                Repeater {
+                    model: 10
+                    delegate: ReadNoteArea {
+                        readonly property Item box: fovEditor.boxCount > 0 ? fovEditor.box(index) : null
+                        anchors.fill: undefined
+                        x: fovEditor.x + (box ? box.x : 0)
+                        y: fovEditor.y + (box ? box.y : 0)
+                        width: box ? box.width : 0
+                        height: box ? box.height : 0
+                        note: fovEditor.noteOf(index)
+                    }
+                }
             }
         }
     }

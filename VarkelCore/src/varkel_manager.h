@@ -59,6 +59,7 @@ class VarkelManager : public QObject {
   Q_PROPERTY(QVariantList SendCommandHistory READ getSendCommandHistory NOTIFY sendCommandHistoryChanged)
   Q_PROPERTY(bool IsConnected READ getIsConnected NOTIFY isConnectedChanged)
   Q_PROPERTY(QVariantList FovList READ getFovList NOTIFY fovConfigChanged)
+  Q_PROPERTY(QVariantList FovReadNotes READ getFovReadNotes NOTIFY fovConfigChanged)
   Q_PROPERTY(bool IsUpgrading READ getIsUpgrading NOTIFY isUpgradingChanged)
   Q_PROPERTY(bool IsDownloadLog READ getIsDownloadLog WRITE setIsDownloadLog NOTIFY isDownloadLogChanged)
   Q_PROPERTY(QVariantList LidarModelList READ getLidarModelList NOTIFY lidarModelListChanged)
@@ -111,6 +112,8 @@ class VarkelManager : public QObject {
   QVariantList getSendCommandHistory() const;
   bool getIsConnected() const { return is_connected_.load(); }
   QVariantList getFovList() const;
+  // Per FOV value, as ReadNote says; "" also for a value the user edited since the last write.
+  QVariantList getFovReadNotes() const;
   bool getIsUpgrading() const { return is_upgrading_.load(); }
   bool getIsDownloadLog() const { return is_download_log_.load(); }
   void setIsDownloadLog(bool value);
@@ -168,7 +171,8 @@ class VarkelManager : public QObject {
   Q_INVOKABLE bool UpdateSingleVarInfo(QString qs_var_info, QString search_type = "var_name");
   Q_INVOKABLE bool CheckVarIsWithinRange(QString qs_var_info, QString search_type = "var_name");
   Q_INVOKABLE bool CheckModuleVarsWithinRange(int module);
-  // Stores FOV value `index` (0-9) and marks "0x22" pending.
+  // Stores FOV value `index` (0-9), marks it edited (reads leave it alone until the next
+  // write) and marks "0x22" pending.
   Q_INVOKABLE void SetMultiFovConfig(int index, QString fov);
   Q_INVOKABLE void UpdateUI();
   Q_INVOKABLE void setErrorMsg(QString str);
@@ -243,7 +247,8 @@ class VarkelManager : public QObject {
   // Reads one variable; true when its value text was refreshed.
   bool GetInfoFromLidar(VarInfo* var);
   // Reads a group of variables sharing one get command and payload with one query;
-  // `fov_read` sends a 0x23 group through the multi-FOV read (fills FovList), otherwise
+  // `fov_read` sends a 0x23 group through the multi-FOV read (fills the FOV values the
+  // user has not edited since the last write), otherwise
   // 0x23 is an ordinary get; `timer_round` marks a refresh round. Returns the number of
   // values refreshed (a value with a pending edit counts as fresh and is kept,
   // see StoreReadValue), or -1
@@ -301,8 +306,15 @@ class VarkelManager : public QObject {
   int ReadFov(const std::vector<VarInfo*>& vars);
   // Marks `var`'s set command pending with `text` as its edited value, unless unchanged.
   void RecordEdit(VarInfo* var, const std::string& text);
-  // Stores a value read from the lidar unless the user's edit of `var` is pending.
+  // Stores a value read from the lidar unless the user's edit of `var` is pending; either
+  // way `var` counts as read now. Every successful read goes through here.
   void StoreReadValue(VarInfo* var, const std::string& text);
+  // Values read so far no longer count as read (a new connection, another table).
+  void ForgetReads();
+  // What the window says of a value last read at `read_ms` (ms since the epoch, 0 never):
+  // "" while connected and read, "not read from the sensor", or, after a disconnect, the
+  // time of the last read.
+  QString ReadNote(int64_t read_ms) const;
   // Run's body once the guards passed; throws with the reason of a failed write.
   void WriteModule(int module);
   std::shared_ptr<const varkel::ManagerCatalogue> Catalogue() const;
@@ -380,6 +392,11 @@ class VarkelManager : public QObject {
   // payload up to date and leaves the user's edits alone. Both are cleared together.
   std::map<std::string, bool> set_map_;
   std::map<std::string, std::string> edited_values_;
+  // FOV values the user edited since the last write of "0x22"; a read leaves these alone.
+  std::array<bool, 10> fov_edited_{};
+  // When each FOV value was last filled by a read (ms since the epoch, 0 not since the
+  // connection began). Guarded by fields_mutex_.
+  std::array<int64_t, 10> fov_read_ms_{};
   std::atomic<bool> is_get_pbl_version_{false};
   const bool creation_flag_;
   const std::string config_file_path_;
@@ -403,9 +420,14 @@ class VarkelManager : public QObject {
   // Guards the value texts (and the other fields a read may touch) of every table record.
   mutable std::mutex values_mutex_;
   std::atomic<uint64_t> values_version_{1};
-  // The page maps as last built, guarded by values_mutex_.
+  // var_id -> when the value was last read over this connection (ms since the epoch);
+  // kept after a disconnect, emptied by ForgetReads. Guarded by values_mutex_.
+  std::map<std::string, int64_t> read_ms_;
+  // The page maps as last built, guarded by values_mutex_; their read notes depend on
+  // the connection too.
   QVariantList my_map_cache_;
   uint64_t my_map_cache_version_ = 0;
+  bool my_map_cache_connected_ = false;
 
   // Texts and small tables, guarded by fields_mutex_.
   mutable std::mutex fields_mutex_;

@@ -38,6 +38,7 @@ void Print(const char* text) {
 
 bool VarkelManager::ConnectLidar() {
   if (connecting_.load()) return false;
+  ForgetReads();
   // The worker sets the connecting flag itself; the window's own check keeps a second
   // press from starting a second attempt.
   switch (connect_type_.load()) {
@@ -301,8 +302,12 @@ void VarkelManager::Stop() {
         emit myMapChanged();
         {
           std::lock_guard<std::mutex> lock(fields_mutex_);
-          for (int i = 0; i < 4; ++i) fov_[i] = 0.0f;
+          for (size_t i = 0; i < 4; ++i) {
+            fov_[i] = 0.0f;
+            fov_read_ms_[i] = 0;
+          }
         }
+        emit fovConfigChanged();
         emit sendLogMessage("Lidar disconnected", "INFO");
         break;
       case 1:

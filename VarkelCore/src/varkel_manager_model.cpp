@@ -60,6 +60,7 @@ void VarkelManager::InitConfigFileParser(QString model_name) {
   SetCatalogue(catalogue);
   // Pending edits name variables of the old table.
   ClearPendingWrites();
+  ForgetReads();
 
   if (!load_error.empty()) {
     // The table is the user's to fix: say which file, row and cell went wrong.
@@ -127,7 +128,10 @@ void VarkelManager::SetSnValuesUnknown() {
   std::lock_guard<std::mutex> lock(values_mutex_);
   // A stale serial number must never be shown for the next lidar.
   for (VarInfo* var : catalogue->parser->records())
-    if (var->var_name == "SN") var->current_val = "xxxxxxxx";
+    if (var->var_name == "SN") {
+      var->current_val = "xxxxxxxx";
+      read_ms_.erase(var->var_id);
+    }
   values_version_.fetch_add(1);
 }
 
@@ -137,6 +141,7 @@ void VarkelManager::ClearPendingWrites() {
   std::lock_guard<std::mutex> lock(fields_mutex_);
   set_map_.clear();
   edited_values_.clear();
+  fov_edited_.fill(false);
 }
 
 // ---- what the pages read ----------------------------------------------------------------
@@ -144,7 +149,8 @@ void VarkelManager::ClearPendingWrites() {
 QVariantList VarkelManager::getMyMap() {
   std::lock_guard<std::mutex> lock(values_mutex_);
   const uint64_t version = values_version_.load();
-  if (version == my_map_cache_version_) return my_map_cache_;
+  const bool connected = is_connected_.load();
+  if (version == my_map_cache_version_ && connected == my_map_cache_connected_) return my_map_cache_;
 
   QVariantList modules;
   auto catalogue = Catalogue();
@@ -166,6 +172,8 @@ QVariantList VarkelManager::getMyMap() {
           m["permission"] = var->permission;
           m["default_val"] = Q(var->default_val);
           m["current_val"] = Q(var->current_val);
+          const auto read = read_ms_.find(var->var_id);
+          m["read_note"] = ReadNote(read == read_ms_.end() ? 0 : read->second);
           QString switch_index;
           if (var->component_type == 2) switch_index = var->switch_var ? Q(var->switch_var->current_val) : "0";
           m["switch_index"] = switch_index;
@@ -189,6 +197,7 @@ QVariantList VarkelManager::getMyMap() {
   }
   my_map_cache_ = modules;
   my_map_cache_version_ = version;
+  my_map_cache_connected_ = connected;
   return modules;
 }
 

@@ -1,8 +1,10 @@
 // Reading variables: a page on request, single variables, and the 100 ms refresh of the
 // timer-marked variables of the shown page.
 
+#include <QDateTime>
 #include <QDebug>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -22,7 +24,7 @@ using quarn::lidar::KtcCommandText;
 namespace {
 
 constexpr auto kRefreshPeriod = std::chrono::milliseconds(100);
-const char kFovWriteCmdText[] = "0x22";
+constexpr int kFovEditorKind = 5;
 
 }  // namespace
 
@@ -56,12 +58,13 @@ int VarkelManager::ReadFov(const std::vector<VarInfo*>& vars) {
   }
   {
     std::lock_guard<std::mutex> lock(fields_mutex_);
-    // The user's angles wait for their write ("0x22" pending): a read must not undo them.
-    if (set_map_.count(kFovWriteCmdText) == 0) {
-      for (size_t i = 0; i < quarn::lidar::kFovRanges; ++i) {
-        fov_[i] = fov.start[i];
-        fov_[quarn::lidar::kFovRanges + i] = fov.end[i];
-      }
+    const int64_t now = QDateTime::currentMSecsSinceEpoch();
+    for (size_t i = 0; i < fov_.size(); ++i) {
+      // An angle the user typed waits for its write: a read must not undo it, while its
+      // neighbours show what the sensor holds.
+      if (fov_edited_[i]) continue;
+      fov_[i] = i < quarn::lidar::kFovRanges ? fov.start[i] : fov.end[i - quarn::lidar::kFovRanges];
+      fov_read_ms_[i] = now;
     }
   }
   StoreReadValue(first, std::to_string(fov.channel));
@@ -149,10 +152,12 @@ void VarkelManager::GetLidarModuleInfo(int module) {
   std::vector<VarInfo*> page;
   for (const auto& group : modules[module]) page.insert(page.end(), group.begin(), group.end());
   for (const varkel::ReadGroup& group : varkel::GroupForReading(page)) {
+    // The page that shows the field-of-view editor reads its angles too; the boxes the user
+    // edited keep their numbers (ReadFov).
+    const bool shows_fov = std::any_of(group.vars.begin(), group.vars.end(),
+                                       [](const VarInfo* var) { return var->component_type == kFovEditorKind; });
     try {
-      // 0x23 is read as an ordinary get here (its channel byte), never through the
-      // multi-range read, so a page read cannot replace angles the user is editing.
-      GetInfoFromLidarWithSameCmd(group.vars, false);
+      GetInfoFromLidarWithSameCmd(group.vars, shows_fov);
     } catch (const std::exception& e) {
       Trace("GetLidarModuleInfo", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.key + "\n");
     }
@@ -201,4 +206,42 @@ void VarkelManager::updatePagesTimer() {
     std::unique_lock<std::mutex> lock(page_timer_wait_mutex_);
     page_timer_wait_.wait_for(lock, kRefreshPeriod, [this] { return !page_timer_flag_.load(); });
   }
+}
+
+// ---- what was read in this connection -------------------------------------------------
+
+void VarkelManager::ForgetReads() {
+  {
+    std::lock_guard<std::mutex> values(values_mutex_);
+    read_ms_.clear();
+    values_version_.fetch_add(1);
+  }
+  {
+    std::lock_guard<std::mutex> fields(fields_mutex_);
+    fov_read_ms_.fill(0);
+  }
+  emit fovConfigChanged();
+}
+
+QString VarkelManager::ReadNote(int64_t read_ms) const {
+  if (read_ms == 0) return QStringLiteral("not read from the sensor");
+  if (is_connected_.load()) return QString();
+  const QDateTime at = QDateTime::fromMSecsSinceEpoch(read_ms);
+  // A session seldom spans midnight; when it does, the day tells the two reads apart.
+  const QString when = at.date() == QDate::currentDate() ? at.toString(QStringLiteral("HH:mm:ss"))
+                                                         : at.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+  return QStringLiteral("last read from the sensor at ") + when;
+}
+
+QVariantList VarkelManager::getFovReadNotes() const {
+  std::array<bool, 10> edited{};
+  std::array<int64_t, 10> read{};
+  {
+    std::lock_guard<std::mutex> lock(fields_mutex_);
+    edited = fov_edited_;
+    read = fov_read_ms_;
+  }
+  QVariantList notes;
+  for (size_t i = 0; i < read.size(); ++i) notes.append(edited[i] ? QString() : ReadNote(read[i]));
+  return notes;
 }

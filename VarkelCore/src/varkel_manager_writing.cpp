@@ -1,6 +1,7 @@
 // Writing variables: edits recorded by SetText and SetMultiFovConfig, applied per page by
 // Run, one whole set payload per pending set command.
 
+#include <QDateTime>
 #include <QDebug>
 
 #include <algorithm>
@@ -43,6 +44,9 @@ void VarkelManager::SetUpgrading(bool value) {
 void VarkelManager::StoreReadValue(VarInfo* var, const std::string& text) {
   // Same lock order as RecordEdit: check and store are one step against an edit.
   std::lock_guard<std::mutex> values(values_mutex_);
+  // The sensor answered for this field even when the user's edit stays on the page.
+  read_ms_[var->var_id] = QDateTime::currentMSecsSinceEpoch();
+  values_version_.fetch_add(1);
   {
     // The user's edit waits for Run (or ClearSetMap); the lidar's older value must not
     // replace it on the page nor in the payload Run assembles.
@@ -50,7 +54,6 @@ void VarkelManager::StoreReadValue(VarInfo* var, const std::string& text) {
     if (edited_values_.count(var->var_id)) return;
   }
   var->current_val = text;
-  values_version_.fetch_add(1);
 }
 
 void VarkelManager::RecordEdit(VarInfo* var, const std::string& text) {
@@ -144,6 +147,8 @@ void VarkelManager::SetMultiFovConfig(int index, QString fov) {
   }
   std::lock_guard<std::mutex> lock(fields_mutex_);
   fov_[static_cast<size_t>(index)] = value;
+  fov_edited_[static_cast<size_t>(index)] = true;
+  fov_read_ms_[static_cast<size_t>(index)] = 0;  // the user's number now, not the sensor's
   set_map_[varkel::kFovSetCmd] = true;
 }
 
@@ -201,6 +206,11 @@ void VarkelManager::WriteModule(int module) {
   TableHost host(*this);
   varkel::ExecuteWrite(
       host, *client, parser, plan, [this](const varkel::PreparedSet& set, const varkel::SendOutcome& outcome) {
+        if (outcome.result == varkel::SendResult::kWritten && set.fov) {
+          // The sensor holds the angles now: the next read may show its values in every box.
+          std::lock_guard<std::mutex> lock(fields_mutex_);
+          fov_edited_.fill(false);
+        }
         if (outcome.result == varkel::SendResult::kWritten)
           emit sendLogMessage(
               QString::fromStdString("Send KTC command [" + set.set_cmd + "] to set " + set.names + " success."),

@@ -67,8 +67,9 @@ TEST_F(ManagerConnection, NetworkConnectProbeAndStop) {
   ASSERT_FALSE(sim_->Value("SN").empty());
   EXPECT_EQ(m_->getLidarSN().toStdString(), sim_->Value("SN"));
 
-  // Signals in order, stale serial number hidden, client gone.
-  EXPECT_EQ(StopTrace(), (Trace{"isConnectedChanged", "myMapChanged", "INFO: Lidar disconnected"}));
+  // Signals in order (the editor shows the field of view's reset), stale serial number
+  // hidden, client gone.
+  EXPECT_EQ(StopTrace(), (Trace{"isConnectedChanged", "myMapChanged", "fovConfigChanged", "INFO: Lidar disconnected"}));
   EXPECT_FALSE(m_->getIsConnected());
   EXPECT_EQ(m_->getLidarSN(), "xxxxxxxx");
   sim_->ResetCounters();

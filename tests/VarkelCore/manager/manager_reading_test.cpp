@@ -2,6 +2,7 @@
 // of timer-marked values on the shown page only, every conversion type end to end, and
 // the faults that leave a value alone.
 
+#include <QDateTime>
 #include <QtGlobal>
 
 #include <gtest/gtest.h>
@@ -112,6 +113,47 @@ TEST_F(ManagerReading, RefreshReadsTimerMarkedValuesOfTheShownPageOnly) {
   log_->Wait([] { return false; }, std::chrono::milliseconds(300));
   m_->GetLidarModuleInfo(1);  // disconnected: a page read sends nothing either
   EXPECT_EQ(sim_->CommandCount(0x03), after_stop);
+}
+
+TEST_F(ManagerReading, AValueCountsAsReadOnlyOverTheConnectionThatReadIt) {
+  auto note = [&](int page, int group, int row) {
+    return m_->getMyMap()[page].toList()[group].toList()[row].toMap()["read_note"].toString().toStdString();
+  };
+  const std::string unread = "not read from the sensor";
+  EXPECT_EQ(note(0, 1, 0), unread);  // the table's default
+  ASSERT_TRUE(Connect());
+  EXPECT_EQ(note(0, 1, 0), unread);
+  const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
+  m_->GetLidarModuleInfo(0);
+  const QDateTime after = QDateTime::currentDateTime().addSecs(1);
+  ASSERT_TRUE(sim_->SetValue("IP Address", "10.9.8.7"));
+  EXPECT_EQ(note(0, 1, 0), "");
+  EXPECT_EQ(note(0, 0, 0), "");
+  EXPECT_EQ(note(1, 0, 2), unread);  // the other page
+
+  // Disconnected: the last values stay, each with the time it was read; the serial number
+  // is never kept, so it was not read either.
+  const std::string ip = Shown(0, 1, 0);
+  m_->Stop();
+  EXPECT_EQ(Shown(0, 1, 0), ip);
+  const std::string stale = note(0, 1, 0);
+  const std::string prefix = "last read from the sensor at ";
+  ASSERT_EQ(stale.rfind(prefix, 0), 0u) << stale;
+  const QTime at = QTime::fromString(QString::fromStdString(stale.substr(prefix.size())), "HH:mm:ss");
+  ASSERT_TRUE(at.isValid()) << stale;
+  EXPECT_TRUE(at >= before.time() && at <= after.time()) << stale;
+  EXPECT_EQ(Shown(0, 0, 0), "xxxxxxxx");
+  EXPECT_EQ(note(0, 0, 0), unread);
+
+  // A new connection starts with nothing read; so does another table.
+  ASSERT_TRUE(Connect());
+  EXPECT_EQ(note(0, 1, 0), unread);
+  m_->GetLidarModuleInfo(0);
+  EXPECT_EQ(note(0, 1, 0), "");
+  EXPECT_EQ(Shown(0, 1, 0), "10.9.8.7");
+  m_->InitConfigFileParser("Testa");
+  EXPECT_EQ(note(0, 1, 0), unread);
+  m_->Stop();
 }
 
 TEST_F(ManagerReading, AFailedQueryKeepsTheOldTextsAndSaysSo) {

@@ -48,6 +48,8 @@ class ManagerWriting : public vktest::ManagerTest {
     m_->SetText(type, module, p.group, p.row, QString::fromStdString(text));
   }
   std::string Fov() { return QVariant(m_->getFovList()).toStringList().join(' ').toStdString(); }
+  // The ten boxes' read notes joined by blanks: all blanks when every box is fresh.
+  std::string Notes() { return QVariant(m_->getFovReadNotes()).toStringList().join(' ').toStdString(); }
 };
 
 const char kSetWithoutGet[] =
@@ -211,36 +213,61 @@ TEST_F(ManagerWriting, EveryRefusedValueReachesTheUserAndNothingIsSent) {
   }
 }
 
-TEST_F(ManagerWriting, AnFovEditSurvivesEveryReadUntilWrittenAndBadValuesAreRefused) {
+TEST_F(ManagerWriting, ThePageReadShowsTheSensorsAnglesInEveryBoxNotEditedSinceTheLastWrite) {
   ASSERT_TRUE(Connect());
-  const std::string defaults = "0.0 0.0 0.0 0.0 0.0 360.0 360.0 360.0 360.0 360.0";
   sim_->SetFov({1000, 2000, 3000, 4000, 4550}, {9000, 18000, 27000, 36000, 5});
   ASSERT_TRUE(sim_->SetValue("FOV Channel", "2"));
-  // A page read takes 0x23 as an ordinary get: the channel, never the angles.
   m_->GetLidarModuleInfo(0);
-  EXPECT_EQ(sim_->CommandCount(0x23), 1u);
+  EXPECT_EQ(sim_->CommandCount(0x23), 1u);  // channel and angles in one read
   EXPECT_EQ(Value("FOV Channel"), "2");
-  EXPECT_EQ(Fov(), defaults);
+  EXPECT_EQ(Fov(), "10.0 20.0 30.0 40.0 45.5 90.0 180.0 270.0 360.0 0.1");
+  EXPECT_EQ(Notes(), std::string(9, ' '));
 
-  // The user edits an angle, the window re-reads the page (tab switch), then Save: the
-  // edited angle goes out, whatever the reads brought.
+  // Two boxes edited, the sensor changes, the window re-reads the page (a tab switch):
+  // the edited boxes keep the user's numbers, their neighbours take the sensor's.
   m_->SetMultiFovConfig(1, "15");
+  m_->SetMultiFovConfig(8, "300");
+  sim_->SetFov({500, 600, 700, 800, 900}, {1000, 1100, 1200, 1300, 1400});
   m_->GetLidarModuleInfo(0);
-  std::vector<VarInfo*> fov_group{m_->searchVarPtr("FOV Channel", "var_name")};
-  EXPECT_EQ(m_->GetInfoFromLidarWithSameCmd(fov_group, true), 1);  // the multi-range read too
-  EXPECT_EQ(Fov(), "0.0 15.0 0.0 0.0 0.0 360.0 360.0 360.0 360.0 360.0");
+  EXPECT_EQ(Fov(), "5.0 15.0 7.0 8.0 9.0 10.0 11.0 12.0 300.0 14.0");
+  sim_->SetFailure(FailureMode::kReturnCode, 0x23, 4);
+  m_->GetLidarModuleInfo(0);  // a refused read leaves every box
+  EXPECT_EQ(Fov(), "5.0 15.0 7.0 8.0 9.0 10.0 11.0 12.0 300.0 14.0");
+  sim_->ClearFailures();
+
+  // The write carries the starts as shown; afterwards every box follows the sensor again
+  // (the end angles are never written, so the sensor's own end comes back).
   m_->Run(0);
   EXPECT_EQ(sim_->LastPayload(0x22),
-            (std::vector<uint8_t>{0x02, 0x00, 0x00, 0x05, 0xDC, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}));
-  // Written: the multi-range read shows the lidar's ranges again.
-  EXPECT_EQ(m_->GetInfoFromLidarWithSameCmd(fov_group, true), 1);
-  EXPECT_EQ(Fov(), "0.0 15.0 0.0 0.0 0.0 90.0 180.0 270.0 360.0 0.1");
-  sim_->SetFailure(FailureMode::kReturnCode, 0x23, 4);
-  EXPECT_EQ(m_->GetInfoFromLidarWithSameCmd(fov_group, true), -1);  // a refused read leaves them
-  EXPECT_EQ(Fov(), "0.0 15.0 0.0 0.0 0.0 90.0 180.0 270.0 360.0 0.1");
-  const std::string read = Fov();
-  log_->Flush();
+            (std::vector<uint8_t>{0x02, 0x01, 0xF4, 0x05, 0xDC, 0x02, 0xBC, 0x03, 0x20, 0x03, 0x84}));
+  sim_->SetFov({100, 1500, 700, 800, 900}, {1000, 1100, 1200, 1300, 1400});
+  m_->GetLidarModuleInfo(0);
+  EXPECT_EQ(Fov(), "1.0 15.0 7.0 8.0 9.0 10.0 11.0 12.0 13.0 14.0");
 
+  // Cancel drops the edit as well: the read brings the sensor's angle back.
+  m_->SetMultiFovConfig(0, "33");
+  m_->ClearSetMap();
+  m_->GetLidarModuleInfo(0);
+  EXPECT_EQ(Fov(), "1.0 15.0 7.0 8.0 9.0 10.0 11.0 12.0 13.0 14.0");
+
+  // Disconnected: the first four go back to 0 and are no sensor's; the rest are dimmed
+  // with the time they were read.
+  m_->SetMultiFovConfig(9, "20");
+  m_->Stop();
+  EXPECT_EQ(Fov(), "0.0 0.0 0.0 0.0 9.0 10.0 11.0 12.0 13.0 20.0");
+  const QStringList notes = QVariant(m_->getFovReadNotes()).toStringList();
+  ASSERT_EQ(notes.size(), 10);
+  for (int i = 0; i < 10; ++i) {
+    if (i < 4 || i == 9)
+      EXPECT_EQ(notes[i].toStdString(), "not read from the sensor") << i;
+    else
+      EXPECT_TRUE(notes[i].startsWith("last read from the sensor at ")) << i << notes[i].toStdString();
+  }
+}
+
+TEST_F(ManagerWriting, BadFovValuesAreRefusedAndShowTheStoredValueAgain) {
+  ASSERT_TRUE(Connect());
+  const std::string read = Fov();
   for (const char* bad : {"", "abc", "-0.1", "360.1", "1e40", "12abc", "nan"}) {
     m_->setErrorMsg("");
     log_->Clear();

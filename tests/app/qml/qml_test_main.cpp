@@ -89,6 +89,15 @@ class Harness : public QObject {
     return sim_->SetValue(name.toStdString(), text.toStdString());
   }
   Q_INVOKABLE void setLinkLost(bool lost) { sim_->SetLinkLost(lost); }
+  // The sensor's five start and five end angles, in hundredths of a degree.
+  Q_INVOKABLE void setFov(const QVariantList& start, const QVariantList& end) {
+    varkel::sim::FovBlock::Angles s{}, e{};
+    for (size_t i = 0; i < s.size() && i < static_cast<size_t>(start.size()); ++i)
+      s[i] = static_cast<uint16_t>(start[static_cast<int>(i)].toUInt());
+    for (size_t i = 0; i < e.size() && i < static_cast<size_t>(end.size()); ++i)
+      e[i] = static_cast<uint16_t>(end[static_cast<int>(i)].toUInt());
+    sim_->SetFov(s, e);
+  }
   Q_INVOKABLE void delayCommand(int cmd, int ms) { sim_->SetFailure(varkel::sim::FailureMode::kDelay, cmd, ms); }
   Q_INVOKABLE void clearFailures() { sim_->ClearFailures(); }
   Q_INVOKABLE int commandCount(int cmd) const {

@@ -233,8 +233,12 @@ Item {
         }
 
         function test_field_of_view_boxes() {
+            harness.setFov([1000, 0, 0, 0, 0], [36000, 36000, 36000, 36000, 36000]);
             connectNow();
             var page = openPage("Field of View");
+            // The page read brings the sensor's angles into the boxes.
+            tryCompare(child("fovStart0"), "text", "10.0", 10000);
+            compare(child("fovStart0").unread, false);
             typeText(child("fovStart0"), "15");
             keyClick(Qt.Key_Return);
             compare(vm.FovList[0], "15.0");
@@ -253,6 +257,27 @@ Item {
             tryVerify(() => harness.commandCount(0x22) > 0, 10000, "no field-of-view write");
             // Channel 0, then the five start angles in hundredths of a degree: 15.00 is 05 DC.
             compare(harness.lastPayloadHex(0x22), "00 05 DC 00 00 00 00 00 00 00 00");
+            // A disconnect puts the first box back to 0, which no sensor sent.
+            tryCompare(child("fovStart0"), "unread", false, 10000);
+            vm.Stop();
+            tryCompare(child("fovStart0"), "text", "0.0", 5000);
+            compare(child("fovStart0").unread, true);
+        }
+
+        function test_values_not_read_from_the_sensor_are_dimmed() {
+            var row = child("row_Firmware Version");
+            var text = findChild(row, "valueText");
+            var unread = "#676b71";
+            // The table's default, before any connection.
+            compare(row.readNote, "not read from the sensor");
+            compare(String(text.color), unread);
+            connectNow();
+            tryVerify(() => !row.unread, 10000, "the page read left the value dimmed");
+            verify(String(text.color) !== unread);
+            // Disconnected: the last values read stay, dimmed, with the time of the read.
+            vm.Stop();
+            tryVerify(() => row.readNote.startsWith("last read from the sensor at "), 5000, row.readNote);
+            compare(String(text.color), unread);
         }
 
         function test_notices_messages_and_log_routing() {
