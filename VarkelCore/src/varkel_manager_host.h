@@ -9,6 +9,8 @@
 #include <mutex>
 
 #include "config_parser.h"
+#include "ktc_command_text.h"
+#include "ktc_fov.h"
 #include "variable_io.h"
 #include "varkel_manager.h"
 
@@ -28,8 +30,14 @@ class VarkelManager::TableHost : public varkel::TableHost {
     return parser.GetVarPosOffset(cmd, var_id, payload_length, pos);
   }
   // Through the controller's own group read, with its log lines and edit keeping.
+  // The field-of-view write carries five start angles besides its channel: the multi-range
+  // read brings the boxes the user did not edit up to date, as any other carried field.
   int Refresh(quarn::lidar::KtcClient&, ConfigParser&, const std::vector<VarInfo*>& vars,
               varkel::ReadBytes& fresh) override {
+    quarn::lidar::KtcCommandText command;
+    if (quarn::lidar::ParseKtcCommandText(vars.front()->get_cmd, command) && !command.extended &&
+        command.cmd == quarn::lidar::kKtcFovReadCmd)
+      return m_.ReadFov(vars);
     return m_.QueryAndCut("GetInfoFromLidarWithSameCmd", vars, false, &fresh);
   }
   std::array<float, quarn::lidar::kFovRanges> FovValues() override {

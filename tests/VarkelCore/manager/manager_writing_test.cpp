@@ -235,11 +235,13 @@ TEST_F(ManagerWriting, ThePageReadShowsTheSensorsAnglesInEveryBoxNotEditedSinceT
   EXPECT_EQ(Fov(), "5.0 15.0 7.0 8.0 9.0 10.0 11.0 12.0 300.0 14.0");
   sim_->ClearFailures();
 
-  // The write carries the starts as shown; afterwards every box follows the sensor again
+  // The write reads the angles afresh: the boxes the user left carry what the sensor holds
+  // now, the edited one the user's number. Afterwards every box follows the sensor again
   // (the end angles are never written, so the sensor's own end comes back).
+  sim_->SetFov({510, 600, 710, 810, 910}, {1000, 1100, 1200, 1300, 1400});
   m_->Run(0);
   EXPECT_EQ(sim_->LastPayload(0x22),
-            (std::vector<uint8_t>{0x02, 0x01, 0xF4, 0x05, 0xDC, 0x02, 0xBC, 0x03, 0x20, 0x03, 0x84}));
+            (std::vector<uint8_t>{0x02, 0x01, 0xFE, 0x05, 0xDC, 0x02, 0xC6, 0x03, 0x2A, 0x03, 0x8E}));
   sim_->SetFov({100, 1500, 700, 800, 900}, {1000, 1100, 1200, 1300, 1400});
   m_->GetLidarModuleInfo(0);
   EXPECT_EQ(Fov(), "1.0 15.0 7.0 8.0 9.0 10.0 11.0 12.0 13.0 14.0");
