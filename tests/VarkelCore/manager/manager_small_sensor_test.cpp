@@ -314,6 +314,8 @@ TEST_F(SmallSensorTest, MarvoImuRangeCodesAndVersionsBeforeTheAnnouncement) {
       [&] { versions_at_announcement = m_->getZeltoLidarVersionInfo().size(); }, Qt::DirectConnection);
   ASSERT_TRUE(ConnectSmall());
   EXPECT_EQ(versions_at_announcement, 4);
+  // The safety read comes after the announcement, on the same command: let it pass first.
+  ASSERT_TRUE(InfoRead());
 
   m_->MarvoSetIMURange(5, 3);
   EXPECT_EQ(sim_->LastPayload(2), (Bytes{11, 8, 3}));
