@@ -28,6 +28,7 @@
 #include <thread>
 #include <vector>
 
+class QFile;
 struct VarInfo;
 
 namespace quarn::lidar {
@@ -267,6 +268,8 @@ class VarkelManager : public QObject {
   void SetDownloadFlag(bool value);
   // Set by the upgrade for its whole run; emits isUpgradingChanged on a change.
   void SetUpgrading(bool value);
+  // An empty upgrade file: its "... is empty" message, and true. Nothing is sent then.
+  bool RefusedAsEmpty(const QFile& file);
   // Raises IsUpgrading (false when an upgrade runs already), sets the progress totals for a
   // file of `file_size` bytes and waits the settle time.
   bool BeginUpgrade(qint64 file_size);

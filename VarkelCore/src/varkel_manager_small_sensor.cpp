@@ -101,6 +101,7 @@ void VarkelManager::ZeltoSetStandby(int standby) {
   const int ret = link->Set(item, 0);
   if (ret != 0) return ReportSmallSensorFailure("set lidar mode error, ret:", ret);
   link->RecordMode(item);
+  setSuccessMsg("Set standby successfully");
 }
 
 void VarkelManager::ZeltoSetSpinRate(int rate) {
@@ -108,7 +109,8 @@ void VarkelManager::ZeltoSetSpinRate(int rate) {
   auto link = SmallSensorReady(kNotReady);
   if (!link) return;
   const int ret = link->Set(ss::kItemSpinRate, static_cast<uint8_t>(rate & 0xFF));
-  if (ret != 0) ReportSmallSensorFailure("set lidar spin rate error, ret:", ret);
+  if (ret != 0) return ReportSmallSensorFailure("set lidar spin rate error, ret:", ret);
+  setSuccessMsg("Set spin rate successfully");
 }
 
 void VarkelManager::ZeltoSetReturnMode(int mode) {

@@ -50,6 +50,7 @@ int VarkelManager::UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3
 
   QFile file(LocalFile(fileUrl));
   if (!file.open(QIODevice::ReadOnly)) return 0;
+  if (RefusedAsEmpty(file)) return 0;
 
   const auto& modules = catalogue->parser->module_vars;
   if (level1 < 0 || level2 < 0 || level3 < 0 || level1 >= static_cast<int>(modules.size()) ||
@@ -68,6 +69,13 @@ int VarkelManager::UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3
     UpgradeWorker(std::move(data), std::move(command));
   });
   return 0;
+}
+
+bool VarkelManager::RefusedAsEmpty(const QFile& file) {
+  // The sensor would take an empty image as a finished one and restart on it.
+  if (file.size() != 0) return false;
+  setErrorMsg(file.fileName() + " is empty");
+  return true;
 }
 
 bool VarkelManager::BeginUpgrade(qint64 file_size) {
@@ -136,6 +144,7 @@ int VarkelManager::ZeltoUpgradeLidar(QUrl fileUrl) {
   }
   QFile file(LocalFile(fileUrl));
   if (!file.open(QIODevice::ReadOnly)) return 0;
+  if (RefusedAsEmpty(file)) return 0;
   const QByteArray bytes = file.readAll();
   if (!BeginUpgrade(bytes.size())) {
     setErrorMsg(kZeltoNotReady);

@@ -90,18 +90,24 @@ std::string LinkName(const ::testing::TestParamInfo<bool>& info) {
 }  // namespace
 
 TEST_P(BothLinks, SetRequestsCarryTheirItems) {
+  const char standby[] = "Set standby successfully";
+  const char spin[] = "Set spin rate successfully";
   const struct {
     std::function<void()> call;
     Bytes request;
+    std::string notice;
   } cases[] = {
-      {[&] { m_->ZeltoSetStandby(5); }, {11, 0}},   {[&] { m_->ZeltoSetStandby(-1); }, {11, 0}},
-      {[&] { m_->ZeltoSetStandby(0); }, {0, 0}},    {[&] { m_->ZeltoSetSpinRate(300); }, {10, 44}},
-      {[&] { m_->ZeltoSetReturnMode(7); }, {9, 0}}, {[&] { m_->ZeltoSetReturnMode(0); }, {8, 0}},
+      {[&] { m_->ZeltoSetStandby(5); }, {11, 0}, standby}, {[&] { m_->ZeltoSetStandby(-1); }, {11, 0}, standby},
+      {[&] { m_->ZeltoSetStandby(0); }, {0, 0}, standby},  {[&] { m_->ZeltoSetSpinRate(300); }, {10, 44}, spin},
+      {[&] { m_->ZeltoSetReturnMode(7); }, {9, 0}, ""},    {[&] { m_->ZeltoSetReturnMode(0); }, {8, 0}, ""},
   };
   for (const auto& c : cases) {
+    m_->setSuccessMsg("");
     c.call();
     EXPECT_EQ(Last(3), c.request);
+    EXPECT_EQ(m_->getSuccessMessage().toStdString(), c.notice);
   }
+  m_->setSuccessMsg("");
   const auto state = sim_->SmallSensor();
   EXPECT_EQ(state.mode, 0);
   EXPECT_EQ(state.spin_rate, 44);
@@ -118,7 +124,10 @@ TEST_P(BothLinks, SetRequestsCarryTheirItems) {
     sim_->SetLinkLost(true);
     m_->ZeltoSetReturnMode(1);
     EXPECT_EQ(Error(), "set lidar return mode error, ret:-2");
+    m_->ZeltoSetStandby(1);
+    EXPECT_EQ(Error(), "set lidar mode error, ret:-2");
   }
+  EXPECT_EQ(m_->getSuccessMessage(), "");  // failures give no notice
 }
 
 TEST_P(BothLinks, InformationThreadFillsInfoAndVersions) {

@@ -207,6 +207,12 @@ TEST_F(SmallUpgradeTest, RefusalsAndTheSecondCall) {
   EXPECT_EQ(m_->ZeltoUpgradeLidar(QUrl::fromLocalFile(QString::fromStdString(root_ + "/none.bin"))), 0);
   EXPECT_FALSE(m_->getIsUpgrading());
   EXPECT_EQ(Error(), "");
+  // An empty one is refused by name before a frame goes out.
+  const QUrl empty = Write({}, "empty.bin");
+  EXPECT_EQ(m_->ZeltoUpgradeLidar(empty), 0);
+  EXPECT_EQ(Error(), empty.toLocalFile().toStdString() + " is empty");
+  EXPECT_FALSE(m_->getIsUpgrading());
+  EXPECT_EQ(sim_->SmallSensor().ota_frames, 0u);
 
   ASSERT_EQ(m_->ZeltoUpgradeLidar(url), 0);
   EXPECT_EQ(m_->ZeltoUpgradeLidar(url), -1);

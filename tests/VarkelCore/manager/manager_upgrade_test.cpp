@@ -104,9 +104,15 @@ TEST_F(ManagerUpgrade, RefusalsStartNothing) {
   EXPECT_EQ(Upgrade(QUrl::fromLocalFile(QString::fromStdString(root_ + "/missing.patch"))), 0);
   EXPECT_EQ(m_->UpgradeLidar(url, 1, 0, 99), 0);
   EXPECT_EQ(m_->UpgradeLidar(url, -1, 0, 0), 0);
+  // An empty image would be "transmitted" and the lidar restarted on it.
+  const QString empty = QString::fromStdString(root_ + "/empty.patch");
+  QFile(empty).open(QIODevice::WriteOnly);
+  EXPECT_EQ(Upgrade(QUrl::fromLocalFile(empty)), 0);
+  EXPECT_EQ(Error(), empty.toStdString() + " is empty");
   EXPECT_FALSE(m_->getIsUpgrading());
   log_->Flush();
   EXPECT_EQ(sim_->CommandCount(0x50), 0u);
+  EXPECT_EQ(sim_->RestartCount(), 0u);
 
   // While one upgrade runs a second one is refused.
   ASSERT_EQ(Upgrade(url), 0);
