@@ -298,6 +298,7 @@ void VarkelManager::Stop() {
     switch (connect_type_.load()) {
       case 0:
         is_connected_.store(false);
+        CutExchangesShort();
         StopRefreshThread();
         SetSnValuesUnknown();
         CloseTransports();
@@ -314,6 +315,7 @@ void VarkelManager::Stop() {
       case 1:
       case 2:
         is_connected_.store(false);
+        CutExchangesShort();
         StopRefreshThread();
         if (connect_type_.load() == 2) SetSnValuesUnknown();
         CloseTransports();

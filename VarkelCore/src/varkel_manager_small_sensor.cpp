@@ -301,6 +301,7 @@ void VarkelManager::ReadSmallSensorIdentity(KtcSerialClient& link) {
   if (client->QueryCommand({}, reply, kNetworkBlockCmd) == 0) {
     if (auto block = ss::ParseNetworkBlock(reply)) SetSmallSensorText(kInfoIp, block->lidar_ip);
   }
+  if (!page_timer_flag_.load()) return;
   if (client->QueryCommand(ss::BaudRateQuery(), reply, kBaudRateCmd) == 0) {
     if (auto rate = ss::ParseBaudRate(reply)) SetSmallSensorText(kInfoBaudRate, std::to_string(*rate));
   }
@@ -308,7 +309,16 @@ void VarkelManager::ReadSmallSensorIdentity(KtcSerialClient& link) {
 
 void VarkelManager::ReadSmallSensorVersions(KtcSerialClient& link) {
   std::map<std::string, std::string> versions;
+  bool link_failed = false;
   for (const VersionQuery& q : kVersions) {
+    // A disconnect under way: what was read is of no use any more.
+    if (!page_timer_flag_.load()) return;
+    // The link gave no answer (silence, a line gone): the next query would only wait as
+    // long again, holding the line the user's requests need.
+    if (link_failed) {
+      versions[q.name] = kUnread;
+      continue;
+    }
     const bool pbl = q.which == ss::kVersionPbl;
     if (pbl) {
       is_get_pbl_version_.store(true);
@@ -317,6 +327,7 @@ void VarkelManager::ReadSmallSensorVersions(KtcSerialClient& link) {
     std::vector<uint8_t> body;
     std::string text;
     int ret = link.Exchange(ss::kGet, ss::VersionRequest(q.which), body);
+    link_failed = ret < 0;
     if (ret == 0) ret = ss::ParseVersion(body, q.which, text);
     if (pbl) {
       is_get_pbl_version_.store(false);

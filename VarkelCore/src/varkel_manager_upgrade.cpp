@@ -162,7 +162,12 @@ void VarkelManager::ZeltoUpgradeWorker(std::vector<uint8_t> data, int connect_ty
   // command; over the network there is no such box and the transfer is the ordinary one,
   // with the (empty) command text the entry hands on.
   if (connect_type != 1 && connect_type != 2) return UpgradeWorker(std::move(data), std::string());
-  if (connect_type == 2 && mode == kJunctionBoxMode) return UpgradeWorker(std::move(data), kJunctionBoxCommand);
+  if (connect_type == 2 && mode == kJunctionBoxMode) {
+    // A piece of a large lidar's image may wait a minute for its flash; the box's may not.
+    if (auto client = KtcClientHandle())
+      client->SetTransferTimeoutMs(static_cast<uint32_t>(ota_reply_timeout_ms_.load()));
+    return UpgradeWorker(std::move(data), kJunctionBoxCommand);
+  }
 
   int ret = -1;
   try {

@@ -5,12 +5,15 @@
 #include <gtest/gtest.h>
 #include <QApplication>
 #include <QDir>
+#include <QMessageBox>
 #include <QPointer>
+#include <QPushButton>
 #include <QQmlContext>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <string>
 #include <utility>
 #include <vector>
@@ -81,6 +84,23 @@ TEST_P(MainWindowTest, PublishesTheControllerBeforeLoadingAndFreesBothOnDestruct
   EXPECT_GE(window->height(), 800);
   QCoreApplication::processEvents();
   qInstallMessageHandler(previous);
+
+  // Closing would end a log download at once: the window asks first, and "No" keeps it.
+  manager->setIsDownloadLog(true);
+  QString asked;
+  QTimer answer;
+  QObject::connect(&answer, &QTimer::timeout, [&] {
+    if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+      answer.stop();
+      asked = box->text();
+      box->button(QMessageBox::No)->click();
+    }
+  });
+  answer.start(10);
+  EXPECT_FALSE(window->close());
+  EXPECT_TRUE(window->isVisible());
+  EXPECT_TRUE(asked.startsWith("A log download is running.")) << asked.toStdString();
+  manager->setIsDownloadLog(false);
   for (const QString& w : g_warnings) EXPECT_FALSE(w.contains("top level window")) << w.toStdString();
   delete window;
   EXPECT_TRUE(view.isNull());

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <functional>
 #include <string>
@@ -87,7 +88,44 @@ std::string LinkName(const ::testing::TestParamInfo<bool>& info) {
   return info.param ? "Serial" : "Ktc";
 }
 
+class SilentSensor : public SmallSensorTest, public ::testing::WithParamInterface<bool> {};
+
 }  // namespace
+
+// A sensor silent from the start: the disconnect (on the window's thread) cuts the
+// exchange in flight short and the information thread asks nothing more, instead of
+// waiting out its serial number and four version queries (up to 5 s each over KTC).
+TEST_P(SilentSensor, StopDoesNotWaitOutTheInformationRound) {
+  Open(GetParam() ? "Zelto" : "Zelto-KTC", GetParam());
+  if (serial_)
+    sim_->SetLinkLost(true);
+  else
+    sim_->SetFailure(varkel::sim::FailureMode::kNoReply, 2);  // every get request
+  ASSERT_TRUE(ConnectSmall());
+  // In flight: the serial number (KTC), the first version (serial: 1 s each, quickly there).
+  ASSERT_TRUE(log_->Wait([&] { return Count(2) >= (serial_ ? 2u : 1u); }));
+  const auto start = std::chrono::steady_clock::now();
+  m_->Stop();
+  // Far below one exchange's time-out (1 s serial, 5 s KTC) and a slow machine's slack.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(serial_ ? 2 : 4));
+  EXPECT_FALSE(m_->getIsConnected());
+  const uint64_t asked = Count(2);
+  log_->Flush();
+  EXPECT_EQ(Count(2), asked);
+  EXPECT_EQ(Texts(m_->getZeltoLidarInfo()), (QStringList{"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"}));
+
+  // Connected to a sensor that stays silent, the round gives up after the first silent
+  // version query: the line stays free for the user's requests.
+  if (serial_) return;
+  sim_->ResetCounters();
+  ASSERT_TRUE(ConnectSmall());
+  ASSERT_TRUE(log_->Wait([&] { return m_->getZeltoLidarVersionInfo().size() == 4; }, std::chrono::seconds(30)));
+  EXPECT_EQ(Count(2), 2u);  // the serial number and the first version
+  for (const QVariant& v : m_->getZeltoLidarVersionInfo()) EXPECT_EQ(v.toList()[1].toString(), "xxxxxxxx");
+  m_->Stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Links, SilentSensor, ::testing::Values(true, false), LinkName);
 
 TEST_P(BothLinks, SetRequestsCarryTheirItems) {
   const char standby[] = "Set standby successfully";
