@@ -414,7 +414,9 @@ Rectangle {
         height: content.height
     }
 
-    LogWindow {
+    // A resource, not a visual child: among the items Qt would make the embedded view, which
+    // is no top-level window, the log window's transient parent and warn at every start.
+    resources: LogWindow {
         id: logWindow
         manager: varkel_manager
     }

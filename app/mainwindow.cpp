@@ -33,16 +33,24 @@ MainWindow::MainWindow(QWidget* parent, QString moduleName)
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
+  // Closing ends the controller's work at once (its destructor cuts every exchange short),
+  // so work the user would lose is named first. An upgrade weighs more than a download.
+  QString title, text;
   if (manager != nullptr && manager->getIsUpgrading()) {
-    const auto answer = QMessageBox::question(
-        this, QStringLiteral("Firmware upgrade running"),
-        QStringLiteral("A firmware upgrade is running. Closing now stops it and may leave the lidar "
-                       "without working firmware.\n\nClose anyway?"),
-        QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
-    if (answer != QMessageBox::Yes) {
-      event->ignore();
-      return;
-    }
+    title = QStringLiteral("Firmware upgrade running");
+    text = QStringLiteral(
+        "A firmware upgrade is running. Closing now stops it and may leave the lidar "
+        "without working firmware.\n\nClose anyway?");
+  } else if (manager != nullptr && manager->getIsDownloadLog()) {
+    title = QStringLiteral("Log download running");
+    text = QStringLiteral(
+        "A log download is running. Closing now stops it, and the log is not saved."
+        "\n\nClose anyway?");
+  }
+  if (!text.isEmpty() && QMessageBox::question(this, title, text, QMessageBox::Yes | QMessageBox::No,
+                                               QMessageBox::No) != QMessageBox::Yes) {
+    event->ignore();
+    return;
   }
   QMainWindow::closeEvent(event);
 }

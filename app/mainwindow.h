@@ -23,8 +23,8 @@ class MainWindow : public QMainWindow {
   MainWindow& operator=(const MainWindow&) = delete;
 
  protected:
-  // Asks before closing while a firmware upgrade runs: a half-written image may leave
-  // the lidar unable to start.
+  // Asks before closing while a firmware upgrade or a log download runs: closing ends
+  // either at once, and a half-written image may leave the lidar unable to start.
   void closeEvent(QCloseEvent* event) override;
 
  private:

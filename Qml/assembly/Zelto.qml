@@ -101,6 +101,11 @@ Item {
         elide: Text.ElideRight
     }
 
+    // An action that talks to the sensor: offered only while one is connected.
+    component SensorButton: DefaultToolButton {
+        enabled: page.connected
+    }
+
     component Row_: RowLayout {
         width: body.width
         height: Theme.rowHeight + 6
@@ -150,7 +155,7 @@ Item {
                     Layout.preferredWidth: 180
                     validator: RegularExpressionValidator { regularExpression: /[0-9]*/ }
                 }
-                DefaultToolButton {
+                SensorButton {
                     text: "Get"
                     secondary: true
                     onClicked: {
@@ -158,7 +163,7 @@ Item {
                         if (rate !== "") baudRate.text = rate;
                     }
                 }
-                DefaultToolButton {
+                SensorButton {
                     text: "Save"
                     onClicked: if (baudRate.text !== "") page.manager.ZeltoSetBaudRateFromUI(baudRate.text)
                 }
@@ -168,21 +173,21 @@ Item {
                 objectName: "rowStandby"
                 RowLabel { text: "Standby Mode" }
                 DefaultComboBox { id: standby; Layout.preferredWidth: 180; model: ["In Operation", "Standby"] }
-                DefaultToolButton { text: "Save"; onClicked: page.manager.ZeltoSetStandby(standby.currentIndex) }
+                SensorButton { text: "Save"; onClicked: page.manager.ZeltoSetStandby(standby.currentIndex) }
                 Item { Layout.fillWidth: true }
             }
             Row_ {
                 objectName: "rowSpinRate"
                 RowLabel { text: "Spin Rate" }
                 DefaultComboBox { id: spinRate; Layout.preferredWidth: 180; model: ["5hz", "10hz"] }
-                DefaultToolButton { text: "Save"; onClicked: page.manager.ZeltoSetSpinRate(spinRate.currentIndex) }
+                SensorButton { text: "Save"; onClicked: page.manager.ZeltoSetSpinRate(spinRate.currentIndex) }
                 Item { Layout.fillWidth: true }
             }
             Row_ {
                 objectName: "rowReturnMode"
                 RowLabel { text: "Return Mode" }
                 DefaultComboBox { id: returnMode; Layout.preferredWidth: 180; model: ["Strongest", "Last"] }
-                DefaultToolButton { text: "Save"; onClicked: page.manager.ZeltoSetReturnMode(returnMode.currentIndex) }
+                SensorButton { text: "Save"; onClicked: page.manager.ZeltoSetReturnMode(returnMode.currentIndex) }
                 Item { Layout.fillWidth: true }
             }
             Row_ {
@@ -200,7 +205,7 @@ Item {
                     Layout.preferredWidth: 110
                     model: ["\u00b116g", "\u00b18g", "\u00b14g", "\u00b12g"]
                 }
-                DefaultToolButton {
+                SensorButton {
                     text: "Save"
                     onClicked: page.manager.MarvoSetIMURange(imuAngular.currentIndex, imuAccel.currentIndex)
                 }
@@ -209,7 +214,8 @@ Item {
             Row_ {
                 objectName: "rowCalibration"
                 RowLabel { text: "Lidar Calibration File" }
-                DefaultToolButton {
+                SensorButton {
+                    objectName: "calibrationDownloadButton"
                     text: "Download"
                     onClicked: {
                         if (correctionFolder.active) correctionFolder.item.open();
@@ -248,7 +254,7 @@ Item {
                     Layout.preferredWidth: 120
                     model: ["None"]
                 }
-                DefaultToolButton { text: "Get"; secondary: true; onClicked: page.readFunctionSafety() }
+                SensorButton { text: "Get"; secondary: true; onClicked: page.readFunctionSafety() }
                 Item { Layout.fillWidth: true }
             }
             Row_ {
@@ -274,7 +280,7 @@ Item {
                     Layout.preferredWidth: 80
                     validator: RegularExpressionValidator { regularExpression: /[0-9]*/ }
                 }
-                DefaultToolButton {
+                SensorButton {
                     text: "Save"
                     onClicked: page.manager.ZeltoSetDestinationIPandPort(destinationIp.text, Number(destinationPort.text))
                 }

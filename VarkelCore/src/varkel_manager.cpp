@@ -41,12 +41,8 @@ VarkelManager::~VarkelManager() {
   // Workers first, so none of them starts a refresh thread behind our back; then the
   // refresh thread; the clients go with the members.
   closing_.store(true);
-  // A running upgrade stops at its next piece instead of holding the close up.
-  if (auto client = KtcClientHandle()) client->CancelTransfers();
-  {
-    std::lock_guard<std::mutex> lock(clients_mutex_);
-    if (upgrade_link_) upgrade_link_->Cancel();
-  }
+  // Downloads, upgrades and reads in flight end now instead of holding the close up.
+  CutExchangesShort();
   { std::lock_guard<std::mutex> lock(closing_mutex_); }
   closing_cv_.notify_all();
   JoinWorkers();
@@ -343,6 +339,22 @@ void VarkelManager::RestartRefreshThread(void (VarkelManager::*body)()) {
   EndRefreshThreadLocked();
   page_timer_flag_.store(true);
   if (body != nullptr) page_timer_thread_ = std::thread(body, this);
+}
+
+void VarkelManager::CutExchangesShort() {
+  std::shared_ptr<quarn::lidar::KtcClient> ktc;
+  std::shared_ptr<quarn::lidar::SerialSource> s485, s232;
+  {
+    std::lock_guard<std::mutex> lock(clients_mutex_);
+    if (upgrade_link_) upgrade_link_->Cancel();
+    ktc = ktc_client_;
+    s485 = serial_source_485_;
+    s232 = serial_source_232_;
+  }
+  if (ktc) ktc->Interrupt();
+  // A closed source wakes its reader within one slice; later exchanges find it closed.
+  if (s485) s485->Close();
+  if (s232) s232->Close();
 }
 
 void VarkelManager::StopRefreshThread() {

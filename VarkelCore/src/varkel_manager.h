@@ -28,6 +28,8 @@
 #include <thread>
 #include <vector>
 
+class QFile;
+class QProcess;
 struct VarInfo;
 
 namespace quarn::lidar {
@@ -270,10 +272,15 @@ class VarkelManager : public QObject {
   bool MaintenanceAllowed() const;
   int RestartOrReset(bool reset);
   void DownloadLogWorker(const QUrl& fileUrl, const QString& type);
+  // Waits for a started tar: true once it ended by itself within its 30 s; false when it
+  // failed, ran too long or the controller is closing (it is still running then).
+  bool WaitForTar(QProcess& tar);
   // Sets IsDownloadLog, emitting isDownloadLogChanged on a change.
   void SetDownloadFlag(bool value);
   // Set by the upgrade for its whole run; emits isUpgradingChanged on a change.
   void SetUpgrading(bool value);
+  // An empty upgrade file: its "... is empty" message, and true. Nothing is sent then.
+  bool RefusedAsEmpty(const QFile& file);
   // Raises IsUpgrading (false when an upgrade runs already), sets the progress totals for a
   // file of `file_size` bytes and waits the settle time.
   bool BeginUpgrade(qint64 file_size);
@@ -281,7 +288,9 @@ class VarkelManager : public QObject {
   void SetRebootWait(std::chrono::milliseconds wait) { reboot_wait_ms_.store(wait.count()); }
   // The Marvo's settling pause after the change to upgrade mode (3 s). Tests shorten it.
   void SetModeSwitchWait(std::chrono::milliseconds wait) { mode_switch_wait_ms_.store(wait.count()); }
-  // The serial OTA frames' reply wait (30 s); applied when a transfer starts. Tests shorten it.
+  // The longest silence a small sensor's upgrade waits out before it fails (10 s): each
+  // serial OTA frame's reply wait, and each junction-box piece's. (A KTC OTA frame waits
+  // the client's receive time-out, 5 s.) Applied when a transfer starts. Tests shorten it.
   void SetOtaReplyTimeout(std::chrono::milliseconds wait) { ota_reply_timeout_ms_.store(wait.count()); }
   // Every time-out of the KTC clients built from now on: the reply wait (4 s, 5 s for a
   // small sensor), a download's idle wait (10 s) and a file piece's wait (60 s). Tests that
@@ -337,6 +346,10 @@ class VarkelManager : public QObject {
   void RestartRefreshThread(void (VarkelManager::*body)());
   // Clears the page-timer flag and joins the running thread, if any.
   void StopRefreshThread();
+  // Ends every exchange in flight on the connection's links and fails the later ones: the
+  // KTC client is interrupted, the serial sources closed, a transfer cancelled. For a
+  // disconnect or a close, so that joining a thread waits no exchange out.
+  void CutExchangesShort();
   void EndRefreshThreadLocked();
   void SetSnValuesUnknown();
   // Closes the KTC client, the serial sources and the serial client, whichever are open.
@@ -471,7 +484,7 @@ class VarkelManager : public QObject {
   std::condition_variable closing_cv_;
   std::atomic<int64_t> reboot_wait_ms_{10000};
   std::atomic<int64_t> mode_switch_wait_ms_{3000};
-  std::atomic<int64_t> ota_reply_timeout_ms_{30000};
+  std::atomic<int64_t> ota_reply_timeout_ms_{10000};
   std::atomic<int64_t> ktc_timeout_override_ms_{0};
   std::atomic<int> upgrade_mode_{0};
   // Guarded by clients_mutex_.

@@ -293,6 +293,7 @@ void VarkelManager::Stop() {
     switch (connect_type_.load()) {
       case 0:
         is_connected_.store(false);
+        CutExchangesShort();
         StopRefreshThread();
         SetSnValuesUnknown();
         CloseTransports();
@@ -313,6 +314,7 @@ void VarkelManager::Stop() {
       case 1:
       case 2:
         is_connected_.store(false);
+        CutExchangesShort();
         StopRefreshThread();
         if (connect_type_.load() == 2) SetSnValuesUnknown();
         CloseTransports();

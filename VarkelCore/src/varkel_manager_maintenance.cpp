@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
@@ -22,6 +23,8 @@ using quarn::lidar::KtcClient;
 namespace {
 
 constexpr int kTarTimeoutMs = 30000;
+// How often a running tar looks whether the program is closing.
+constexpr int kTarPollMs = 100;
 
 // A file URL as a local path; a URL without scheme is taken as a path as it stands.
 QString LocalPath(const QUrl& url) {
@@ -145,6 +148,16 @@ void VarkelManager::DownloadLogWorker(const QUrl& fileUrl, const QString& type) 
   emit downloadFinished();
 }
 
+bool VarkelManager::WaitForTar(QProcess& tar) {
+  // In short waits: closing the program must not wait for an archive nobody will see.
+  QElapsedTimer running;
+  running.start();
+  while (!tar.waitForFinished(kTarPollMs)) {
+    if (tar.state() == QProcess::NotRunning || closing_.load() || running.elapsed() >= kTarTimeoutMs) return false;
+  }
+  return true;
+}
+
 void VarkelManager::DownloadOperationLogThread(QUrl fileUrl) {
   SetDownloadFlag(true);
   bool ok = false;
@@ -183,8 +196,12 @@ void VarkelManager::DownloadOperationLogThread(QUrl fileUrl) {
       QProcess tar;
       tar.setWorkingDirectory(work);
       tar.setProcessChannelMode(QProcess::MergedChannels);
-      tar.start("tar", QStringList{"-cvf", archive} + files);
-      bool tar_ok = tar.waitForStarted() && tar.waitForFinished(kTarTimeoutMs);
+      bool tar_ok = false;
+      // Parts cut short by a close are no archive.
+      if (!closing_.load()) {
+        tar.start("tar", QStringList{"-cvf", archive} + files);
+        tar_ok = tar.waitForStarted() && WaitForTar(tar);
+      }
       if (!tar_ok && tar.state() != QProcess::NotRunning) {
         tar.kill();
         tar.waitForFinished();

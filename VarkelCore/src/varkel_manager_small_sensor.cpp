@@ -101,6 +101,7 @@ void VarkelManager::ZeltoSetStandby(int standby) {
   const int ret = link->Set(item, 0);
   if (ret != 0) return ReportSmallSensorFailure("set lidar mode error, ret:", ret);
   link->RecordMode(item);
+  setSuccessMsg("Set standby successfully");
 }
 
 void VarkelManager::ZeltoSetSpinRate(int rate) {
@@ -108,7 +109,8 @@ void VarkelManager::ZeltoSetSpinRate(int rate) {
   auto link = SmallSensorReady(kNotReady);
   if (!link) return;
   const int ret = link->Set(ss::kItemSpinRate, static_cast<uint8_t>(rate & 0xFF));
-  if (ret != 0) ReportSmallSensorFailure("set lidar spin rate error, ret:", ret);
+  if (ret != 0) return ReportSmallSensorFailure("set lidar spin rate error, ret:", ret);
+  setSuccessMsg("Set spin rate successfully");
 }
 
 void VarkelManager::ZeltoSetReturnMode(int mode) {
@@ -299,6 +301,7 @@ void VarkelManager::ReadSmallSensorIdentity(KtcSerialClient& link) {
   if (client->QueryCommand({}, reply, kNetworkBlockCmd) == 0) {
     if (auto block = ss::ParseNetworkBlock(reply)) SetSmallSensorText(kInfoIp, block->lidar_ip);
   }
+  if (!page_timer_flag_.load()) return;
   if (client->QueryCommand(ss::BaudRateQuery(), reply, kBaudRateCmd) == 0) {
     if (auto rate = ss::ParseBaudRate(reply)) SetSmallSensorText(kInfoBaudRate, std::to_string(*rate));
   }
@@ -306,7 +309,16 @@ void VarkelManager::ReadSmallSensorIdentity(KtcSerialClient& link) {
 
 void VarkelManager::ReadSmallSensorVersions(KtcSerialClient& link) {
   std::map<std::string, std::string> versions;
+  bool link_failed = false;
   for (const VersionQuery& q : kVersions) {
+    // A disconnect under way: what was read is of no use any more.
+    if (!page_timer_flag_.load()) return;
+    // The link gave no answer (silence, a line gone): the next query would only wait as
+    // long again, holding the line the user's requests need.
+    if (link_failed) {
+      versions[q.name] = kUnread;
+      continue;
+    }
     const bool pbl = q.which == ss::kVersionPbl;
     if (pbl) {
       is_get_pbl_version_.store(true);
@@ -315,6 +327,7 @@ void VarkelManager::ReadSmallSensorVersions(KtcSerialClient& link) {
     std::vector<uint8_t> body;
     std::string text;
     int ret = link.Exchange(ss::kGet, ss::VersionRequest(q.which), body);
+    link_failed = ret < 0;
     if (ret == 0) ret = ss::ParseVersion(body, q.which, text);
     if (pbl) {
       is_get_pbl_version_.store(false);

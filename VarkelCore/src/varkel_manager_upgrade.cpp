@@ -50,6 +50,7 @@ int VarkelManager::UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3
 
   QFile file(LocalFile(fileUrl));
   if (!file.open(QIODevice::ReadOnly)) return 0;
+  if (RefusedAsEmpty(file)) return 0;
 
   const auto& modules = catalogue->parser->module_vars;
   if (level1 < 0 || level2 < 0 || level3 < 0 || level1 >= static_cast<int>(modules.size()) ||
@@ -68,6 +69,13 @@ int VarkelManager::UpgradeLidar(QUrl fileUrl, int level1, int level2, int level3
     UpgradeWorker(std::move(data), std::move(command));
   });
   return 0;
+}
+
+bool VarkelManager::RefusedAsEmpty(const QFile& file) {
+  // The sensor would take an empty image as a finished one and restart on it.
+  if (file.size() != 0) return false;
+  setErrorMsg(file.fileName() + " is empty");
+  return true;
 }
 
 bool VarkelManager::BeginUpgrade(qint64 file_size) {
@@ -136,6 +144,7 @@ int VarkelManager::ZeltoUpgradeLidar(QUrl fileUrl) {
   }
   QFile file(LocalFile(fileUrl));
   if (!file.open(QIODevice::ReadOnly)) return 0;
+  if (RefusedAsEmpty(file)) return 0;
   const QByteArray bytes = file.readAll();
   if (!BeginUpgrade(bytes.size())) {
     setErrorMsg(kZeltoNotReady);
@@ -153,7 +162,12 @@ void VarkelManager::ZeltoUpgradeWorker(std::vector<uint8_t> data, int connect_ty
   // command; over the network there is no such box and the transfer is the ordinary one,
   // with the (empty) command text the entry hands on.
   if (connect_type != 1 && connect_type != 2) return UpgradeWorker(std::move(data), std::string());
-  if (connect_type == 2 && mode == kJunctionBoxMode) return UpgradeWorker(std::move(data), kJunctionBoxCommand);
+  if (connect_type == 2 && mode == kJunctionBoxMode) {
+    // A piece of a large lidar's image may wait a minute for its flash; the box's may not.
+    if (auto client = KtcClientHandle())
+      client->SetTransferTimeoutMs(static_cast<uint32_t>(ota_reply_timeout_ms_.load()));
+    return UpgradeWorker(std::move(data), kJunctionBoxCommand);
+  }
 
   int ret = -1;
   try {

@@ -5,19 +5,29 @@
 #include <gtest/gtest.h>
 #include <QApplication>
 #include <QDir>
+#include <QMessageBox>
 #include <QPointer>
+#include <QPushButton>
 #include <QQmlContext>
 #include <QQuickItem>
 #include <QQuickView>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "mainwindow.h"
 #include "varkel_manager.h"
 
 namespace {
+
+std::vector<QString> g_warnings;
+
+void KeepWarnings(QtMsgType type, const QMessageLogContext&, const QString& text) {
+  if (type != QtDebugMsg && type != QtInfoMsg) g_warnings.push_back(text);
+}
 
 // The -moduleVM= name given, and the only model then offered ("" when all are).
 using Param = std::pair<std::string, std::string>;
@@ -42,6 +52,8 @@ TEST_P(MainWindowTest, PublishesTheControllerBeforeLoadingAndFreesBothOnDestruct
 
   QPointer<VarkelManager> manager = VarkelManager::GetInstance(true, "./Config/varID/Quenta.csv");
   QSignalSpy list_changed(manager.data(), &VarkelManager::lidarModelListChanged);
+  // A warning printed at every start teaches users to ignore warnings.
+  const QtMessageHandler previous = qInstallMessageHandler(KeepWarnings);
   auto* window = new MainWindow(nullptr, QString::fromStdString(GetParam().first));
   EXPECT_EQ(window->size(), QSize(1150, 700));
 
@@ -70,6 +82,26 @@ TEST_P(MainWindowTest, PublishesTheControllerBeforeLoadingAndFreesBothOnDestruct
   window->show();
   EXPECT_GE(window->width(), 1300);
   EXPECT_GE(window->height(), 800);
+  QCoreApplication::processEvents();
+  qInstallMessageHandler(previous);
+
+  // Closing would end a log download at once: the window asks first, and "No" keeps it.
+  manager->setIsDownloadLog(true);
+  QString asked;
+  QTimer answer;
+  QObject::connect(&answer, &QTimer::timeout, [&] {
+    if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) {
+      answer.stop();
+      asked = box->text();
+      box->button(QMessageBox::No)->click();
+    }
+  });
+  answer.start(10);
+  EXPECT_FALSE(window->close());
+  EXPECT_TRUE(window->isVisible());
+  EXPECT_TRUE(asked.startsWith("A log download is running.")) << asked.toStdString();
+  manager->setIsDownloadLog(false);
+  for (const QString& w : g_warnings) EXPECT_FALSE(w.contains("top level window")) << w.toStdString();
   delete window;
   EXPECT_TRUE(view.isNull());
   EXPECT_TRUE(manager.isNull());

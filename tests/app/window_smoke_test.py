@@ -161,8 +161,11 @@ def run_once(x, program, display, home, args, end_by):
         if proc.wait(timeout=30) != 0:
             raise Failure("exit status %d after %s" % (proc.returncode, end_by))
         with open(log_path) as log:
-            if "[Varkel] applicationDirPath:" not in log.read():
+            text = log.read()
+            if "[Varkel] applicationDirPath:" not in text:
                 raise Failure("start-up log line missing")
+            if "must be a top level window" in text:  # a warning at every start teaches users to ignore warnings
+                raise Failure("start-up printed the transient-parent warning")
     except Exception as f:  # any failure, also of xwd or of the X connection
         with open(log_path) as log:
             sys.stderr.write(log.read()[-4000:])

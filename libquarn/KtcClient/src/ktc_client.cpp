@@ -92,6 +92,12 @@ void KtcClient::Stop() {
   if (connect_thread_.joinable() && connect_thread_.get_id() != std::this_thread::get_id()) connect_thread_.join();
 }
 
+void KtcClient::Interrupt() {
+  interrupted_.store(true);
+  transfers_cancelled_.store(true);
+  if (auto transport = Transport()) transport->Interrupt();
+}
+
 void KtcClient::SetLidarIp(const std::string& ip) {
   std::lock_guard<std::mutex> lock(ip_mutex_);
   lidar_ip_ = ip;
@@ -233,6 +239,12 @@ int KtcClient::Exchange(const std::vector<uint8_t>& payload, std::vector<uint8_t
     return -1;
   }
   std::lock_guard<std::mutex> lock(command_mutex_);
+  // Checked under the lock: an exchange that waited for it behind an interrupted one must
+  // not go out on the link being let go.
+  if (interrupted_.load()) {
+    last_return_code_.store(kKtcSendFailed);
+    return -1;
+  }
   const auto start = Clock::now();
   // A download may pause between reads for longer than a command reply may take; the
   // time-out bounds each silence, not the whole transfer. Restored before the lock goes.

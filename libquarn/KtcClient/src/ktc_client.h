@@ -69,6 +69,10 @@ class KtcClient {
   // Every file transfer on this client, the running one and any later, ends with -1
   // before its next piece. For an owner that is going away.
   void CancelTransfers() { transfers_cancelled_.store(true); }
+  // From any thread: the exchange in flight ends at once (its transport is interrupted) and
+  // every later one, file transfers included, fails without going out. For an owner that
+  // is letting the link go while another thread may be waiting on it.
+  void Interrupt();
   // Hexadecimal command text; extended unless exactly 4 characters. Throws
   // std::invalid_argument / std::out_of_range for a text that is no number. Empties cmd_text.
   int TransferFileByCmdText(const std::vector<uint8_t>& data, std::string& cmd_text, std::atomic<uint32_t>& progress);
@@ -138,6 +142,7 @@ class KtcClient {
   std::atomic<uint32_t> transfer_timeout_ms_{60000};
   std::atomic<uint32_t> download_idle_timeout_ms_{kDownloadIdleTimeoutMs};
   std::atomic<bool> transfers_cancelled_{false};
+  std::atomic<bool> interrupted_{false};
   // Set when an exchange failed or was abandoned: the next one waits for late bytes.
   // Guarded by command_mutex_.
   bool timed_drain_due_ = false;

@@ -75,6 +75,7 @@ bool TcpClient::PlainOpen() {
   // cannot hold a caller that never sets its own.
   net::SetReceiveTimeoutMs(socket_, receive_timeout_ms_);
   net::SetSendTimeoutMs(socket_, send_timeout_ms_);
+  interrupt_.Arm(socket_);
   opened_.store(true, std::memory_order_release);
   return true;
 }
@@ -132,12 +133,14 @@ bool TcpClient::TryOpen(uint16_t local_port, const std::string& ip, uint16_t por
   net::SetNonBlocking(socket_, false);
   net::SetReceiveTimeoutMs(socket_, receive_timeout_ms_);
   net::SetSendTimeoutMs(socket_, send_timeout_ms_);
+  interrupt_.Arm(socket_);
   opened_.store(true, std::memory_order_release);
   return true;
 }
 
 void TcpClient::CloseSocketOnly() {
   if (socket_ != net::kInvalidSocket) {
+    interrupt_.Disarm();
     net::CloseSocket(socket_);
     net::Cleanup();
     socket_ = net::kInvalidSocket;

@@ -31,6 +31,7 @@ class TcpClient : public ClientBase {
   int SetTimeout(uint32_t receive_ms, uint32_t send_ms) override;
   // Enlarges the socket's receive buffer to `size`; never shrinks it.
   void SetReceiveBufferSize(const uint32_t& size) override;
+  void Interrupt() override { interrupt_.Fire(); }
 
   // The socket's current receive buffer size (0 when closed).
   uint32_t GetSocketReceiveBufferSize() const;
@@ -44,6 +45,7 @@ class TcpClient : public ClientBase {
   net::socket_t socket_ = net::kInvalidSocket;
   // Read by IsOpen from other threads while the connect thread opens.
   std::atomic<bool> opened_{false};
+  SocketInterrupt interrupt_;
   uint32_t receive_buffer_size_ = 4096;
   uint32_t receive_timeout_ms_ = 500;
   uint32_t send_timeout_ms_ = 500;

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <atomic>
 #include <memory>
 #include <stdexcept>
@@ -259,10 +261,22 @@ TEST_F(ManagerConnection, ConfigFileRequestReportsItsResultInverted) {
     Load("Cfg", vktest::TestaTable() + "8,1,0x74,,,Config File,0,raw,,,,,,1_1_4_6,0,0,,\n");
     if (refused) sim_->SetFailure(varkel::sim::FailureMode::kReturnCode, 0x74, 3);
     ASSERT_TRUE(Connect());
+    m_->SetLogBytesFlowStatus(true);
     testing::internal::CaptureStdout();
     m_->StartGetConfigFile();
+    // Closing cuts a request in flight short: this one's reply is in first. Exchanges do
+    // not interleave, so the line after the request's own is its reply's.
+    const bool answered = log_->Wait([&] {
+      const auto& t = log_->Trace();
+      const auto sent = std::find_if(t.begin(), t.end(), [](const std::string& e) {
+        return e.rfind("BYTES: SEND: ", 0) == 0 && e.substr(19, 2) == "74";  // the command byte
+      });
+      return sent != t.end() &&
+             std::any_of(sent + 1, t.end(), [](const std::string& e) { return e.rfind("BYTES: RECV: ", 0) == 0; });
+    });
     log_.reset();
-    m_.reset();  // waits for the request
+    m_.reset();  // waits for the worker's report
+    EXPECT_TRUE(answered);
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(sim_->CommandCount(0x74), 1u);
     EXPECT_EQ(sim_->LastPayload(0x74), std::vector<uint8_t>{});

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "manager_test_support.h"
 
 using varkel::sim::FailureMode;
@@ -177,6 +179,43 @@ TEST_F(ManagerMaintenance, ASecondDownloadIsRefusedWhileOneRuns) {
   EXPECT_EQ(m_->Restart(), -1);
   ASSERT_TRUE(WaitDownload());
   EXPECT_EQ(log_->Count("downloadFinished"), 1);
+}
+
+// Closing ends the work nobody else would end: a download waiting on a silent sensor, and
+// a tar that does not finish (a stand-in found first on PATH).
+TEST_F(ManagerMaintenance, ClosingEndsTheDownloadAndTheTarInFlight) {
+  using Clock = std::chrono::steady_clock;
+  ASSERT_TRUE(Connect());
+  sim_->SetFailure(FailureMode::kNoReply, 0x61);
+  ASSERT_EQ(m_->DownloadLog(QUrl::fromLocalFile(Folder("logs")), "Fault Log"), 0);
+  ASSERT_TRUE(log_->Wait([&] { return sim_->CommandCount(0x61) == 1; }));
+  auto start = Clock::now();
+  log_.reset();
+  m_.reset();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+
+  const QString bin = Folder("bin");
+  const QString ran = bin + "/tar.ran";
+  {
+    QFile tar(bin + "/tar");
+    ASSERT_TRUE(tar.open(QIODevice::WriteOnly));
+    tar.write(QString("#!/bin/sh\ntouch '%1'\nexec sleep 60\n").arg(ran).toUtf8());
+    tar.setPermissions(tar.permissions() | QFileDevice::ExeOwner);
+  }
+  const QByteArray path = qgetenv("PATH");
+  qputenv("PATH", bin.toLocal8Bit() + ":" + path);
+  m_ = std::make_unique<vktest::TestManager>();
+  m_->InitConfigFileParser("Mainta");
+  log_ = std::make_unique<vktest::SignalLog>(m_.get());
+  ASSERT_TRUE(Connect());
+  ASSERT_EQ(m_->DownloadOperationLog(QUrl::fromLocalFile(QString::fromStdString(root_ + "/ops"))), 0);
+  const bool tar_ran = log_->Wait([&] { return QFile::exists(ran); });
+  qputenv("PATH", path);
+  ASSERT_TRUE(tar_ran);
+  start = Clock::now();
+  log_.reset();
+  m_.reset();
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
 }
 
 TEST_F(ManagerMaintenance, TheOperationLogArchiveHoldsItsFourParts) {

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <functional>
@@ -89,21 +90,64 @@ std::string LinkName(const ::testing::TestParamInfo<bool>& info) {
   return info.param ? "Serial" : "Ktc";
 }
 
+class SilentSensor : public SmallSensorTest, public ::testing::WithParamInterface<bool> {};
+
 }  // namespace
 
+// A sensor silent from the start: the disconnect (on the window's thread) cuts the
+// exchange in flight short and the information thread asks nothing more, instead of
+// waiting out its serial number and four version queries (up to 5 s each over KTC).
+TEST_P(SilentSensor, StopDoesNotWaitOutTheInformationRound) {
+  Open(GetParam() ? "Zelto" : "Zelto-KTC", GetParam());
+  if (serial_)
+    sim_->SetLinkLost(true);
+  else
+    sim_->SetFailure(varkel::sim::FailureMode::kNoReply, 2);  // every get request
+  ASSERT_TRUE(ConnectSmall());
+  // In flight: the serial number (KTC), the first version (serial: 1 s each, quickly there).
+  ASSERT_TRUE(log_->Wait([&] { return Count(2) >= (serial_ ? 2u : 1u); }));
+  const auto start = std::chrono::steady_clock::now();
+  m_->Stop();
+  // Far below one exchange's time-out (1 s serial, 5 s KTC) and a slow machine's slack.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(serial_ ? 2 : 4));
+  EXPECT_FALSE(m_->getIsConnected());
+  const uint64_t asked = Count(2);
+  log_->Flush();
+  EXPECT_EQ(Count(2), asked);
+  EXPECT_EQ(Texts(m_->getZeltoLidarInfo()), (QStringList{"xx.xx.xx.xx", "xxxxxxxx", "xxxxxxxx", "xxxxxxxx"}));
+
+  // Connected to a sensor that stays silent, the round gives up after the first silent
+  // version query: the line stays free for the user's requests.
+  if (serial_) return;
+  sim_->ResetCounters();
+  ASSERT_TRUE(ConnectSmall());
+  ASSERT_TRUE(log_->Wait([&] { return m_->getZeltoLidarVersionInfo().size() == 4; }, std::chrono::seconds(30)));
+  EXPECT_EQ(Count(2), 2u);  // the serial number and the first version
+  for (const QVariant& v : m_->getZeltoLidarVersionInfo()) EXPECT_EQ(v.toList()[1].toString(), "xxxxxxxx");
+  m_->Stop();
+}
+
+INSTANTIATE_TEST_SUITE_P(Links, SilentSensor, ::testing::Values(true, false), LinkName);
+
 TEST_P(BothLinks, SetRequestsCarryTheirItems) {
+  const char standby[] = "Set standby successfully";
+  const char spin[] = "Set spin rate successfully";
   const struct {
     std::function<void()> call;
     Bytes request;
+    std::string notice;
   } cases[] = {
-      {[&] { m_->ZeltoSetStandby(5); }, {11, 0}},   {[&] { m_->ZeltoSetStandby(-1); }, {11, 0}},
-      {[&] { m_->ZeltoSetStandby(0); }, {0, 0}},    {[&] { m_->ZeltoSetSpinRate(300); }, {10, 44}},
-      {[&] { m_->ZeltoSetReturnMode(7); }, {9, 0}}, {[&] { m_->ZeltoSetReturnMode(0); }, {8, 0}},
+      {[&] { m_->ZeltoSetStandby(5); }, {11, 0}, standby}, {[&] { m_->ZeltoSetStandby(-1); }, {11, 0}, standby},
+      {[&] { m_->ZeltoSetStandby(0); }, {0, 0}, standby},  {[&] { m_->ZeltoSetSpinRate(300); }, {10, 44}, spin},
+      {[&] { m_->ZeltoSetReturnMode(7); }, {9, 0}, ""},    {[&] { m_->ZeltoSetReturnMode(0); }, {8, 0}, ""},
   };
   for (const auto& c : cases) {
+    m_->setSuccessMsg("");
     c.call();
     EXPECT_EQ(Last(3), c.request);
+    EXPECT_EQ(m_->getSuccessMessage().toStdString(), c.notice);
   }
+  m_->setSuccessMsg("");
   const auto state = sim_->SmallSensor();
   EXPECT_EQ(state.mode, 0);
   EXPECT_EQ(state.spin_rate, 44);
@@ -120,7 +164,10 @@ TEST_P(BothLinks, SetRequestsCarryTheirItems) {
     sim_->SetLinkLost(true);
     m_->ZeltoSetReturnMode(1);
     EXPECT_EQ(Error(), "set lidar return mode error, ret:-2");
+    m_->ZeltoSetStandby(1);
+    EXPECT_EQ(Error(), "set lidar mode error, ret:-2");
   }
+  EXPECT_EQ(m_->getSuccessMessage(), "");  // failures give no notice
 }
 
 TEST_P(BothLinks, InformationThreadFillsInfoAndVersions) {

@@ -207,6 +207,12 @@ TEST_F(SmallUpgradeTest, RefusalsAndTheSecondCall) {
   EXPECT_EQ(m_->ZeltoUpgradeLidar(QUrl::fromLocalFile(QString::fromStdString(root_ + "/none.bin"))), 0);
   EXPECT_FALSE(m_->getIsUpgrading());
   EXPECT_EQ(Error(), "");
+  // An empty one is refused by name before a frame goes out.
+  const QUrl empty = Write({}, "empty.bin");
+  EXPECT_EQ(m_->ZeltoUpgradeLidar(empty), 0);
+  EXPECT_EQ(Error(), empty.toLocalFile().toStdString() + " is empty");
+  EXPECT_FALSE(m_->getIsUpgrading());
+  EXPECT_EQ(sim_->SmallSensor().ota_frames, 0u);
 
   ASSERT_EQ(m_->ZeltoUpgradeLidar(url), 0);
   EXPECT_EQ(m_->ZeltoUpgradeLidar(url), -1);
@@ -233,6 +239,20 @@ TEST_F(SmallUpgradeTest, JunctionBoxTakesTheFileOn0x83OverTheSerialKtcLineOnly) 
   EXPECT_EQ(sim_->CommandCount(kOtaCmd), 0u);
   // Then the pause and the table's restart.
   ASSERT_TRUE(log_->Wait([&] { return sim_->RestartCount() == 1; }));
+
+  // A box that falls silent fails after the small sensors' silence limit, not after the
+  // minute a large lidar's piece may take.
+  Open("Zelto-KTC", false);
+  ASSERT_TRUE(ConnectSmall());
+  Fresh();
+  sim_->SetFailure(FailureMode::kSilentAfterPieces, 0x83, 1);
+  m_->ZeltoSetUpgradeMode(2);
+  const auto start = Clock::now();
+  ASSERT_EQ(m_->ZeltoUpgradeLidar(Write(image)), 0);
+  ASSERT_TRUE(Ended());
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(Error(), "Upgrade package transfer failed or is terminated.");
+  EXPECT_EQ(sim_->JunctionBoxUpgrades(), 0u);
 
   // Over the network the mode means nothing: the ordinary transfer, whose command text the
   // small-sensor entry does not have.

@@ -104,9 +104,15 @@ TEST_F(ManagerUpgrade, RefusalsStartNothing) {
   EXPECT_EQ(Upgrade(QUrl::fromLocalFile(QString::fromStdString(root_ + "/missing.patch"))), 0);
   EXPECT_EQ(m_->UpgradeLidar(url, 1, 0, 99), 0);
   EXPECT_EQ(m_->UpgradeLidar(url, -1, 0, 0), 0);
+  // An empty image would be "transmitted" and the lidar restarted on it.
+  const QString empty = QString::fromStdString(root_ + "/empty.patch");
+  QFile(empty).open(QIODevice::WriteOnly);
+  EXPECT_EQ(Upgrade(QUrl::fromLocalFile(empty)), 0);
+  EXPECT_EQ(Error(), empty.toStdString() + " is empty");
   EXPECT_FALSE(m_->getIsUpgrading());
   log_->Flush();
   EXPECT_EQ(sim_->CommandCount(0x50), 0u);
+  EXPECT_EQ(sim_->RestartCount(), 0u);
 
   // While one upgrade runs a second one is refused.
   ASSERT_EQ(Upgrade(url), 0);
@@ -127,11 +133,12 @@ TEST_F(ManagerUpgrade, ClosingDuringTheRebootPauseDoesNotWaitItOut) {
   EXPECT_EQ(sim_->RestartCount(), 0u);
 }
 
-TEST_F(ManagerUpgrade, ClosingDuringTheTransferStopsItAtTheNextPiece) {
+TEST_F(ManagerUpgrade, ClosingDuringTheTransferCutsThePieceInFlightShort) {
   ASSERT_TRUE(Connect());
-  sim_->SetFailure(FailureMode::kDelay, 0x50, 40);  // 100 pieces: four seconds
+  // Piece 4 is never answered: it would wait out a piece's time-out (a minute).
+  sim_->SetFailure(FailureMode::kSilentAfterPieces, 0x50, 3);
   ASSERT_EQ(Upgrade(WriteImage(100 * 1024)), 0);
-  ASSERT_TRUE(log_->Wait([&] { return m_->getUpgradeProgress() >= 3; }));
+  ASSERT_TRUE(log_->Wait([&] { return sim_->CommandCount(0x50) >= 4; }));
   const auto start = Clock::now();
   log_.reset();
   m_.reset();

@@ -67,6 +67,19 @@ Item {
             compare(child("lidarInfo_1").text, "xxxxxxxx");
         }
 
+        // The page's sensor actions, the calibration download among them, need a sensor.
+        function test_sensor_actions_follow_the_connection() {
+            var download = child("calibrationDownloadButton");
+            verify(!download.enabled, "offered while disconnected");
+            // A controller as far as the page's enablement looks at it.
+            var link = (connected) => ({IsConnected: connected, IsUpgrading: false, ZeltoLidarInfo: [], ZeltoLidarVersionInfo: []});
+            page.manager = link(true);
+            verify(download.enabled);
+            page.manager = link(false);
+            verify(!download.enabled);
+            page.manager = harness.manager();
+        }
+
         function test_destination_and_fault_code_texts() {
             compare(page.destinationTexts(["10.0.0.9", "4000"]), ["10.0.0.9", "4000"]);
             compare(page.destinationTexts(["10.0.0.9"]), ["xx.xx.xx.xx", "xx"]);

@@ -19,6 +19,9 @@ void Cleanup();
 int StartupBalance();
 
 int CloseSocket(socket_t s);
+// Ends both directions of a connected socket: a read blocked on it returns at once, and
+// every later read and write fails. The descriptor stays the caller's to close.
+bool ShutdownBoth(socket_t s);
 bool SetNonBlocking(socket_t s, bool non_blocking);
 // One receive that returns at once (-1 with a would-block error when nothing is there),
 // whatever the socket's mode; leaves the mode alone.

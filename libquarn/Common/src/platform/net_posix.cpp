@@ -46,6 +46,10 @@ int CloseSocket(socket_t s) {
   return ::close(s);
 }
 
+bool ShutdownBoth(socket_t s) {
+  return ::shutdown(s, SHUT_RDWR) == 0;
+}
+
 bool SetNonBlocking(socket_t s, bool non_blocking) {
   const int flags = fcntl(s, F_GETFL, 0);
   if (flags < 0) return false;
