@@ -172,7 +172,8 @@ SSL_CTX* VerifiedTlsClient::MakeContext(const char* cert, const char* private_ke
   SSL_CTX_set_mode(ctx, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   // A sensor that drops the line is a closed connection, as over plain TCP.
   SSL_CTX_set_options(ctx, SSL_OP_IGNORE_UNEXPECTED_EOF);
-  if (Given(ca)) {
+  ca_given_ = Given(ca);
+  if (ca_given_) {
     if (SSL_CTX_load_verify_file(ctx, ca) != 1) return fail(std::string("cannot read CA file ") + ca);
   } else if (SSL_CTX_set_default_verify_paths(ctx) != 1) {
     return fail("cannot read the system's certificate store");
@@ -311,7 +312,8 @@ std::string VerifiedTlsClient::HandshakeFailureText(unsigned long ssl_error) con
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
     case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
     case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
-      return "certificate not trusted (issued by " + verify_detail_ + ", which the CA file does not hold)";
+      return "certificate not trusted (issued by " + verify_detail_ +
+             (ca_given_ ? ", which the CA file does not hold)" : ", which the system does not trust)");
     case X509_V_ERR_IP_ADDRESS_MISMATCH:
     case X509_V_ERR_HOSTNAME_MISMATCH:
       return "certificate is for " + verify_detail_ + ", not " + lidar_ip_;

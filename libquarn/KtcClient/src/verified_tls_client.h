@@ -72,6 +72,7 @@ class VerifiedTlsClient : public ClientBase {
   int verify_error_ = 0;
   std::string verify_detail_;
   bool certificate_requested_ = false;
+  bool ca_given_ = false;  // else the system's store
   mutable std::mutex text_mutex_;
   std::string last_error_;
   std::string issuer_;
