@@ -33,6 +33,7 @@ ServerContext MakeServerContext(const std::string& cert, const std::string& key,
   SSL_CTX_set_min_proto_version(ctx.get(), TLS1_2_VERSION);
   SSL_CTX_set_mode(ctx.get(), SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   SSL_CTX_set_options(ctx.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
+  SSL_CTX_set_read_ahead(ctx.get(), 1);  // a record in one receive
   if (SSL_CTX_use_certificate_chain_file(ctx.get(), cert.c_str()) != 1) return fail("cannot use certificate " + cert);
   if (SSL_CTX_use_PrivateKey_file(ctx.get(), key.c_str(), SSL_FILETYPE_PEM) != 1 ||
       SSL_CTX_check_private_key(ctx.get()) != 1)

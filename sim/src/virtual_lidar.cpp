@@ -314,8 +314,8 @@ void VirtualLidar::Serve(Connection* conn) {
   };
 
   while (handshaken && open && running_.load()) {
-    // Bytes TLS has decrypted already are not on the socket any more.
-    if (ssl == nullptr || SSL_pending(ssl) == 0) {
+    // Bytes TLS holds already (decrypted or read ahead) are not on the socket any more.
+    if (ssl == nullptr || (SSL_pending(ssl) == 0 && SSL_has_pending(ssl) == 0)) {
       pollfd p{fd, POLLIN, 0};
       const int r = ::poll(&p, 1, kPollMs);
       if (r == 0 || (r < 0 && errno == EINTR)) continue;
