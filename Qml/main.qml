@@ -321,6 +321,7 @@ Rectangle {
             onRestartRequested: root.restartLidar()
             onResetRequested: root.askReset()
             onAboutRequested: aboutWindow.open()
+            onTlsFileRequested: tlsFileDialog.openFor(which)
         }
 
         Item {
@@ -450,6 +451,27 @@ Rectangle {
         function openFor(name) {
             active = true;
             item.logName = name;
+            item.open();
+        }
+    }
+    Loader {
+        id: tlsFileDialog
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            objectName: "tlsFileDialog"
+            property string which: "ca"
+            title: which === "ca" ? "CA file the sensor's certificate must come from"
+                 : which === "cert" ? "Client certificate" : "Client certificate's key"
+            nameFilters: ["PEM files (*.pem *.crt *.key)", "All files (*)"]
+            onAccepted: {
+                if (which === "ca") varkel_manager.tlsCaFile = fileUrl;
+                else if (which === "cert") varkel_manager.tlsCertFile = fileUrl;
+                else varkel_manager.tlsKeyFile = fileUrl;
+            }
+        }
+        function openFor(which) {
+            active = true;
+            item.which = which;
             item.open();
         }
     }

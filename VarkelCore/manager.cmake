@@ -7,6 +7,7 @@ add_library(VarkelCore STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_host.h
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_model.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_connection.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_tls.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_reading.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_writing.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_range.cpp

@@ -29,6 +29,8 @@ Rectangle {
                   + (bar.connectType === 1 ? "  \u00b7  " + varkel_manager.serial_port_485
                                            : "  \u00b7  " + varkel_manager.ip_address + ":" + varkel_manager.port)
                   + (bar.selectedModel !== "" ? "  \u00b7  " + bar.selectedModel : "")
+                  + (bar.connected && bar.connectType !== 1 && varkel_manager.tlsIssuer !== ""
+                     ? "  \u00b7  TLS verified, issued by " + varkel_manager.tlsIssuer : "")
             font.family: Theme.fontFamily
             font.pixelSize: Theme.fontSizeSmall
             color: Theme.textDim

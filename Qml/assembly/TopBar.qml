@@ -17,6 +17,7 @@ Rectangle {
     signal restartRequested
     signal resetRequested
     signal aboutRequested
+    signal tlsFileRequested(string which)
 
     function modelIndexAtStart() {
         var list = varkel_manager.LidarModelList;
@@ -41,7 +42,7 @@ Rectangle {
         anchors.fill: parent
         anchors.leftMargin: Theme.margin
         anchors.rightMargin: Theme.margin
-        spacing: 10
+        spacing: 8
 
         Image {
             source: "qrc:/png/Varkel-LOGO-black.svg"
@@ -57,7 +58,7 @@ Rectangle {
             font.pixelSize: Theme.fontSizeTitle
             font.bold: true
             color: Theme.text
-            Layout.rightMargin: 14
+            Layout.rightMargin: 6
         }
 
         // Network fields (KTC over TCP/TLS, and the small sensors' network side)
@@ -66,6 +67,9 @@ Rectangle {
             objectName: "ipField"
             visible: bar.connectType !== 1
             Layout.preferredWidth: 122
+            // Fields give way down to their minimum so that the buttons at the end stay whole.
+            Layout.fillWidth: true
+            Layout.minimumWidth: 96
             text: varkel_manager.ip_address
             enabled: !bar.connected
             onTextEdited: varkel_manager.ip_address = text
@@ -75,15 +79,47 @@ Rectangle {
             objectName: "portField"
             visible: bar.connectType !== 1
             Layout.preferredWidth: 60
+            Layout.fillWidth: true
+            Layout.minimumWidth: 58
             text: varkel_manager.port
             enabled: !bar.connected
             onTextEdited: varkel_manager.port = text
+        }
+        DefaultSwitch {
+            objectName: "tlsSwitch"
+            visible: bar.connectType !== 1
+            text: "TLS"
+            enabled: !bar.connected
+            checked: varkel_manager.tlsEnabled
+            onToggled: varkel_manager.tlsEnabled = checked
+        }
+        DefaultToolButton {
+            objectName: "tlsFilesButton"
+            visible: bar.connectType !== 1 && varkel_manager.tlsEnabled
+            // Compact: the bar has no room for a wider button.
+            text: "\u2026"
+            Layout.preferredWidth: 26
+            leftPadding: 0
+            rightPadding: 0
+            ToolTip.visible: hovered
+            ToolTip.text: "CA file, client certificate and key"
+            secondary: true
+            enabled: !bar.connected
+            onClicked: tlsFiles.open()
+            TlsFilesPopup {
+                id: tlsFiles
+                objectName: "tlsFilesPopup"
+                y: parent.height + 4
+                onFileRequested: bar.tlsFileRequested(which)
+            }
         }
         FieldLabel { text: "Udp Port:"; visible: bar.connectType !== 1 }
         DefaultTextField {
             objectName: "udpPortField"
             visible: bar.connectType !== 1
             Layout.preferredWidth: 60
+            Layout.fillWidth: true
+            Layout.minimumWidth: 46
             text: varkel_manager.udpPort
             enabled: !bar.connected
             validator: IntValidator { bottom: 0; top: 65535 }
@@ -116,6 +152,8 @@ Rectangle {
             id: baudCombo
             objectName: "baudRateCombo"
             Layout.preferredWidth: 104
+            Layout.fillWidth: true
+            Layout.minimumWidth: 92
             editable: true
             enabled: !bar.connected
             model: {
@@ -146,6 +184,8 @@ Rectangle {
             id: modelCombo
             objectName: "modelCombo"
             Layout.preferredWidth: 128
+            Layout.fillWidth: true
+            Layout.minimumWidth: 100
             model: varkel_manager.LidarModelList
             enabled: !bar.connected && varkel_manager.getVMNowName() === ""
             Component.onCompleted: currentIndex = bar.modelIndexAtStart()

@@ -75,19 +75,28 @@ void VarkelManager::ReadSettings() {
   if (settings.contains("point_cloud_baudrate")) baud_rate_.store(settings.value("point_cloud_baudrate").toInt());
   if (settings.contains("udp_port"))
     udp_port_.store(static_cast<uint16_t>(settings.value("udp_port").toInt() & 0xFFFF));
+  tls_enabled_ = settings.value("tls_enabled", false).toBool();
+  tls_ca_file_ = settings.value("tls_ca_file").toString().toStdString();
+  tls_cert_file_ = settings.value("tls_cert_file").toString().toStdString();
+  tls_key_file_ = settings.value("tls_key_file").toString().toStdString();
 }
 
 void VarkelManager::WriteSettings() {
   QString path = SettingsFilePath();
   QDir().mkpath(QFileInfo(path).absolutePath());
   QSettings settings(path, QSettings::IniFormat);
-  std::string ip, port, s485, s232;
+  std::string ip, port, s485, s232, ca, cert, key;
+  bool tls = false;
   {
     std::lock_guard<std::mutex> lock(fields_mutex_);
     ip = ip_address_;
     port = port_;
     s485 = serial_port_485_;
     s232 = serial_port_232_;
+    tls = tls_enabled_;
+    ca = tls_ca_file_;
+    cert = tls_cert_file_;
+    key = tls_key_file_;
   }
   // "udp_port" is only ever changed by hand or by the host viewer.
   settings.setValue("device_ip_address", Q(ip));
@@ -95,6 +104,10 @@ void VarkelManager::WriteSettings() {
   settings.setValue("rs485_com", Q(s485));
   settings.setValue("rs232_com", Q(s232));
   settings.setValue("point_cloud_baudrate", QString::number(baud_rate_.load()));
+  settings.setValue("tls_enabled", tls);
+  settings.setValue("tls_ca_file", Q(ca));
+  settings.setValue("tls_cert_file", Q(cert));
+  settings.setValue("tls_key_file", Q(key));
   settings.sync();
 }
 

@@ -50,6 +50,13 @@ class VarkelManager : public QObject {
   Q_PROPERTY(QString ip_address READ getIpAddress WRITE setIpAddress NOTIFY initInfoChanged)
   Q_PROPERTY(QString udpPort READ getUdpPort WRITE setUdpPort NOTIFY initInfoChanged)
   Q_PROPERTY(QString port READ getPort WRITE setPort NOTIFY initInfoChanged)
+  // KTC over verified TLS on the network connection, with its files (kept in the settings)
+  // and, while so connected, who issued the sensor's certificate.
+  Q_PROPERTY(bool tlsEnabled READ getTlsEnabled WRITE setTlsEnabled NOTIFY tlsChanged)
+  Q_PROPERTY(QString tlsCaFile READ getTlsCaFile WRITE setTlsCaFile NOTIFY tlsChanged)
+  Q_PROPERTY(QString tlsCertFile READ getTlsCertFile WRITE setTlsCertFile NOTIFY tlsChanged)
+  Q_PROPERTY(QString tlsKeyFile READ getTlsKeyFile WRITE setTlsKeyFile NOTIFY tlsChanged)
+  Q_PROPERTY(QString tlsIssuer READ getTlsIssuer NOTIFY tlsChanged)
   Q_PROPERTY(QString serial_port_485 READ getSerialPort485 WRITE setSerialPort485 NOTIFY initInfoChanged)
   Q_PROPERTY(QString serial_port_232 READ getSerialPort232 WRITE setSerialPort232 NOTIFY initInfoChanged)
   Q_PROPERTY(QString baud_rate READ getBaudRate WRITE setBaudRate NOTIFY initInfoChanged)
@@ -100,6 +107,16 @@ class VarkelManager : public QObject {
   void setUdpPort(const QString& text);
   QString getPort() const;
   void setPort(const QString& text);
+  bool getTlsEnabled() const;
+  void setTlsEnabled(bool on);
+  // The file setters take a path or a file URL (what a file dialog gives).
+  QString getTlsCaFile() const;
+  void setTlsCaFile(const QString& path);
+  QString getTlsCertFile() const;
+  void setTlsCertFile(const QString& path);
+  QString getTlsKeyFile() const;
+  void setTlsKeyFile(const QString& path);
+  QString getTlsIssuer() const;
   QString getSerialPort485() const;
   void setSerialPort485(const QString& text);
   QString getSerialPort232() const;
@@ -229,6 +246,8 @@ class VarkelManager : public QObject {
   void isGetPBLVersionChanged();
   void initInfoChanged();
   void myTimerMapChanged();
+  // Added after the existing signals, whose order stays.
+  void tlsChanged();
 
  protected:
   // Only GetInstance makes the program's controller; tests derive to make their own.
@@ -449,6 +468,11 @@ class VarkelManager : public QObject {
   std::string send_ktc_command_return_header_;
   std::string send_ktc_command_return_payload_;
   std::string serial_port_485_ = "/dev/ttyUSB0";
+  bool tls_enabled_ = false;
+  std::string tls_ca_file_;
+  std::string tls_cert_file_;
+  std::string tls_key_file_;
+  std::string tls_issuer_;  // of the open verified connection, else empty
   std::string serial_port_232_ = "/dev/ttyUSB1";
   struct CommandRecord {
     std::string record_time;

@@ -29,6 +29,13 @@ constexpr uint8_t kSubCommandCmd = 0xFF;
 const char kNetworkFailure[] = "Connection Failed. Please check your network settings.";
 const char kSerialFailure[] = "Connection Failed. Please check your RS485 and UART serial ports.";
 
+// A verified TLS connection that was refused: its reason is the notice, as the user can
+// act on it (a CA file, a certificate) where the network notice would mislead.
+class TlsRefusal : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 void Print(const char* text) {
   std::fputs(text, stdout);
   std::fflush(stdout);
@@ -91,13 +98,44 @@ std::shared_ptr<KtcClient> VarkelManager::OpenKtcConnection(const char* operatio
   const auto port = static_cast<uint16_t>(varkel::Stoi(port_text) & 0xFFFF);
   const auto override_ms = static_cast<uint32_t>(ktc_timeout_override_ms_.load());
   if (override_ms != 0) timeout_ms = override_ms;
-  auto client = std::make_shared<KtcClient>(ip, port, false, KtcClient::kClientTcp, 1, "", "", "", timeout_ms,
-                                            timeout_ms, 0.0f, 0);
+  bool tls = false;
+  std::string ca, cert, key;
+  {
+    std::lock_guard<std::mutex> lock(fields_mutex_);
+    tls = tls_enabled_;
+    ca = tls_ca_file_;
+    cert = tls_cert_file_;
+    key = tls_key_file_;
+    tls_issuer_.clear();
+  }
+  emit tlsChanged();
+  // Over TLS the connect thread retries the TCP connect and then waits for the handshake,
+  // each up to the connect time-out.
+  auto client = std::make_shared<KtcClient>(
+      ip, port, false, tls ? KtcClient::kClientVerifiedTls : KtcClient::kClientTcp, 1, cert, key, ca, timeout_ms,
+      timeout_ms, tls ? static_cast<float>(timeout_ms) / 1000.0f : 0.0f, 0);
   if (override_ms != 0) {
     client->SetDownloadIdleTimeoutMs(override_ms);
     client->SetTransferTimeoutMs(override_ms);
   }
   SetKtcClient(client);
+  if (tls) {
+    // The handshake's outcome, not a fixed delay: a refusal is final and never falls back.
+    const auto deadline = std::chrono::steady_clock::now() + 2 * std::chrono::milliseconds(timeout_ms);
+    while (!client->IsOpen() && client->ConnectError().empty() && !closing_.load() &&
+           std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!client->IsOpen()) {
+      const std::string why = client->ConnectError();
+      throw TlsRefusal(why.empty() ? "no verified TLS connection within " + std::to_string(timeout_ms) + " ms" : why);
+    }
+    {
+      std::lock_guard<std::mutex> lock(fields_mutex_);
+      tls_issuer_ = client->PeerIssuer();
+    }
+    emit tlsChanged();
+    return client;
+  }
   // The lidar must accept within this time; there is no second chance, deliberately.
   std::this_thread::sleep_for(kOpenCheckDelay);
   if (!client->IsOpen()) throw std::runtime_error("TCP connection failed.");
@@ -108,15 +146,19 @@ void VarkelManager::RunConnectWorker(const char* operation, const char* failure_
                                      const std::function<void()>& body) {
   { std::lock_guard<std::mutex> wait_for_stop(disconnect_mutex_); }
   QString reason = "Unknown";
+  QString notice = failure_notice;
   try {
     body();
     return;
+  } catch (const TlsRefusal& e) {
+    reason = e.what();
+    notice = reason;
   } catch (const std::exception& e) {
     reason = e.what();
   } catch (...) {
   }
   Trace(operation, "init lidar error\n");
-  setErrorMsg(failure_notice);
+  setErrorMsg(notice);
   emit sendLogMessage("Connection Error: " + reason, "ERROR");
   connecting_.store(false);
 }

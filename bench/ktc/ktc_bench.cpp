@@ -1,8 +1,11 @@
 // KTC command path on loopback against a peer that answers at once:
 //   query round trip (median, p99) with the adaptive and the literal drain;
 //   TransferFile of a 4 MiB image (MiB/s), adaptive and literal;
-//   a raw socket ping-pong with the same frame sizes as the floor.
-// Options: --queries N (2000), --literal-queries N (2000), --mib N (4), --literal-mib N (4).
+//   a raw socket ping-pong with the same frame sizes as the floor;
+//   verified TLS against plain TCP in the same run, both to the virtual lidar: the query
+//   round trip's median ratio and the 4 MiB transfer's rate ratio.
+// Options: --queries N (2000), --literal-queries N (2000), --mib N (4), --literal-mib N (4),
+// --tls-queries N (2000).
 // The literal drain costs 50 ms per exchange: its full run takes about five minutes.
 
 #include <arpa/inet.h>
@@ -20,8 +23,10 @@
 #include <thread>
 #include <vector>
 
+#include "../../tests/sim/test_certificates.h"
 #include "common/loopback_peer.h"
 #include "ktc_client.h"
+#include "virtual_lidar.h"
 
 using namespace quarn::lidar;
 using Clock = std::chrono::steady_clock;
@@ -150,6 +155,84 @@ double RawTransferMBps(size_t bytes) {
   return static_cast<double>(bytes) / (1024.0 * 1024.0) / s;
 }
 
+// The same virtual lidar serving plain TCP and TLS, each client on its transport. The
+// two are measured alternately (query by query, transfer by transfer), so that a load
+// change on the machine falls on both alike; a transfer's rate is the best of three.
+struct TlsComparison {
+  Stats tcp_query, tls_query;
+  double tcp_mbps = 0, tls_mbps = 0;
+};
+
+struct SimLink {
+  std::unique_ptr<varkel::sim::VirtualLidar> sim;
+  std::unique_ptr<KtcClient> client;
+};
+
+SimLink StartLink(const simtest::TestPki& pki, bool tls) {
+  varkel::sim::SimOptions o;
+  o.config_dir = VARKEL_SOURCE_DIR "/Config/varID";
+  o.port = 0;
+  o.live_values = false;
+  o.tls = tls;
+  o.tls_cert = tls ? pki.Cert("sensor") : "";
+  o.tls_key = tls ? pki.Key("sensor") : "";
+  SimLink link;
+  link.sim = std::make_unique<varkel::sim::VirtualLidar>(o);
+  std::string error;
+  if (!link.sim->Start(&error)) {
+    std::fprintf(stderr, "virtual lidar: %s\n", error.c_str());
+    std::exit(1);
+  }
+  link.client = std::make_unique<KtcClient>("127.0.0.1", link.sim->port(), false,
+                                            tls ? KtcClient::kClientVerifiedTls : KtcClient::kClientTcp, 1, "", "",
+                                            tls ? pki.Cert("ca") : "", 4000, 4000, 10.0f);
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (!link.client->IsOpen() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  if (!link.client->IsOpen()) {
+    std::fprintf(stderr, "cannot connect to the virtual lidar: %s\n", link.client->ConnectError().c_str());
+    std::exit(1);
+  }
+  return link;
+}
+
+double QueryUs(KtcClient& client) {
+  Bytes result;
+  const auto start = Clock::now();
+  if (client.QueryCommand({}, result, 0x07) != 0) std::exit(1);
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+double TransferRate(KtcClient& client, const Bytes& image) {
+  std::atomic<uint32_t> progress{0};
+  const auto start = Clock::now();
+  if (client.TransferFile(image, 0x0A, false, progress) != 0) {
+    std::fprintf(stderr, "transfer failed at piece %u\n", progress.load());
+    std::exit(1);
+  }
+  const double s = std::chrono::duration<double>(Clock::now() - start).count();
+  return static_cast<double>(image.size()) / (1024.0 * 1024.0) / s;
+}
+
+TlsComparison CompareTls(int queries, size_t bytes) {
+  simtest::TestPki pki;
+  SimLink tcp = StartLink(pki, false);
+  SimLink tls = StartLink(pki, true);
+  TlsComparison out;
+  std::vector<double> tcp_us, tls_us;
+  for (int i = 0; i < queries; ++i) {
+    tcp_us.push_back(QueryUs(*tcp.client));
+    tls_us.push_back(QueryUs(*tls.client));
+  }
+  out.tcp_query = Summarise(tcp_us);
+  out.tls_query = Summarise(tls_us);
+  const Bytes image = Image(bytes);
+  for (int round = 0; round < 3; ++round) {
+    out.tcp_mbps = std::max(out.tcp_mbps, TransferRate(*tcp.client, image));
+    out.tls_mbps = std::max(out.tls_mbps, TransferRate(*tls.client, image));
+  }
+  return out;
+}
+
 int Arg(int argc, char** argv, const char* name, int fallback) {
   for (int i = 1; i + 1 < argc; ++i) {
     if (std::strcmp(argv[i], name) == 0) return std::atoi(argv[i + 1]);
@@ -188,5 +271,21 @@ int main(int argc, char** argv) {
               raw_mbps / literal_mbps);
   std::printf("  adaptive/literal throughput ratio %.1f  (target: adaptive >= 5 MiB/s: %s)\n",
               adaptive_mbps / literal_mbps, adaptive_mbps >= 5.0 ? "met" : "MISSED");
+
+  const int tls_queries = Arg(argc, argv, "--tls-queries", 2000);
+  const TlsComparison t = CompareTls(tls_queries, mib << 20);
+  const double query_ratio = t.tls_query.median_us / t.tcp_query.median_us;
+  const double rate_ratio = t.tls_mbps / t.tcp_mbps;
+  std::printf("verified TLS against plain TCP (virtual lidar, same run)\n");
+  std::printf("  query plain TCP    n=%-5d median %9.1f us  p99 %9.1f us\n", tls_queries, t.tcp_query.median_us,
+              t.tcp_query.p99_us);
+  std::printf("  query TLS          n=%-5d median %9.1f us  p99 %9.1f us\n", tls_queries, t.tls_query.median_us,
+              t.tls_query.p99_us);
+  std::printf("  TLS/plain query median ratio %.2f  (target: <= 1.3: %s)\n", query_ratio,
+              query_ratio <= 1.3 ? "met" : "MISSED");
+  std::printf("  transfer plain TCP %zu MiB  %8.2f MiB/s\n", mib, t.tcp_mbps);
+  std::printf("  transfer TLS       %zu MiB  %8.2f MiB/s\n", mib, t.tls_mbps);
+  std::printf("  TLS/plain transfer rate ratio %.2f  (target: >= 0.8: %s)\n", rate_ratio,
+              rate_ratio >= 0.8 ? "met" : "MISSED");
   return 0;
 }

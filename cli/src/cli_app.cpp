@@ -38,6 +38,10 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
       ->capture_default_str();
   app.add_option("--config-dir", c.config_dir, "folder of the model tables");
   app.add_flag("--json", ctx.json, "machine-readable output");
+  app.add_flag("--tls", c.tls, "KTC over TLS, the sensor's certificate verified");
+  app.add_option("--ca", c.ca, "with --tls: CA file the sensor's certificate must come from (default: the system's)");
+  app.add_option("--cert", c.cert, "with --tls: client certificate (PEM)");
+  app.add_option("--key", c.key, "with --tls: the client certificate's key (PEM)");
 
   std::function<int()> action;
 
@@ -117,7 +121,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   upgrade->callback([&] { action = [&] { return Upgrade(ctx, file, upgrade_var, !no_restart, wait_s); }; });
 
   std::string network, ports;
-  auto* scan = app.add_subcommand("scan", "which addresses answer KTC, and why the others do not");
+  auto* scan = app.add_subcommand(
+      "scan", "which addresses answer KTC, and why the others do not (with --tls: inside a verified handshake)");
   scan->add_option("host", network, "HOST or HOST/PREFIX (/24 at most)")->required();
   scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
   scan->callback([&] { action = [&] { return Scan(ctx, network, ports); }; });
@@ -130,6 +135,10 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     return app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
     err << "varkel-cli: " << e.what() << "\n";
+    return kExitBadInput;
+  }
+  if (!c.tls && (!c.ca.empty() || !c.cert.empty() || !c.key.empty())) {
+    err << "varkel-cli: --ca, --cert and --key go with --tls\n";
     return kExitBadInput;
   }
   try {

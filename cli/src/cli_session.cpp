@@ -188,12 +188,21 @@ Session::Session(const ConnectionOptions& options) : options_(options) {
   if (!unreachable.empty()) throw CliError(kExitSensor, "cannot reach " + where + ": " + unreachable);
 
   using quarn::lidar::KtcClient;
-  client_ = std::make_unique<KtcClient>(options.host, options.port, false, KtcClient::kClientTcp,
-                                        static_cast<uint8_t>(options.ktc_version), "", "", "", options.timeout_ms,
-                                        options.timeout_ms, options.timeout_ms / 1000.0f, 0);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.timeout_ms);
-  while (!client_->IsOpen() && std::chrono::steady_clock::now() < deadline)
+  client_ = std::make_unique<KtcClient>(
+      options.host, options.port, false, options.tls ? KtcClient::kClientVerifiedTls : KtcClient::kClientTcp,
+      static_cast<uint8_t>(options.ktc_version), options.cert, options.key, options.ca, options.timeout_ms,
+      options.timeout_ms, options.timeout_ms / 1000.0f, 0);
+  // Over TLS the handshake may take its own time-out after the connect's.
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::milliseconds(options.tls ? 2 * options.timeout_ms + 1000 : options.timeout_ms);
+  while (!client_->IsOpen() && std::chrono::steady_clock::now() < deadline &&
+         (!options.tls || client_->ConnectError().empty()))
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  if (options.tls && !client_->IsOpen()) {
+    const std::string why = client_->ConnectError();
+    throw TlsRefused(kExitSensor, "no verified TLS connection to " + where + ": " +
+                                      (why.empty() ? "the handshake did not end in time" : why));
+  }
   if (!client_->IsOpen()) throw CliError(kExitSensor, "cannot reach " + where + ": the connection was not opened");
   // The window's probe: command 7, else 8.
   std::vector<uint8_t> reply;

@@ -39,6 +39,17 @@ struct ConnectionOptions {
   int ktc_version = 1;
   uint32_t timeout_ms = 2000;
   std::string config_dir;  // empty: beside the program, else ./Config/varID
+  // KTC over verified TLS; only from the command line, never from the window's settings.
+  bool tls = false;
+  std::string ca;  // empty: the system's certificate store
+  std::string cert;
+  std::string key;
+};
+
+// The sensor refused the TLS connection, or its certificate was refused.
+class TlsRefused : public CliError {
+ public:
+  using CliError::CliError;
 };
 
 // The window's settings file (documents folder + "/VelmoraDataFiles/RecvSettings.ini"),
@@ -88,6 +99,8 @@ class Session {
   quarn::lidar::KtcClient& client() { return *client_; }
   CliHost& host() { return host_; }
   const ConnectionOptions& options() const { return options_; }
+  // Over TLS: who issued the sensor's verified certificate; empty over plain TCP.
+  std::string TlsIssuer() const { return client_->PeerIssuer(); }
 
   // Reads `vars` with one query per get command and payload. The variables that could not
   // be read are returned with the reason.

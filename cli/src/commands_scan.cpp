@@ -119,11 +119,54 @@ Answer Probe(const sockaddr_in& address, int version, uint32_t timeout_ms, doubl
   return ktc ? Answer::kKtc : Answer::kOther;
 }
 
+// Over TLS a peer counts only when it completes a verified handshake and answers the
+// probe inside it; the plain probe's bytes never go to it.
+Finding ExamineTls(const Context& ctx, const Target& target, const sockaddr_in& address) {
+  Finding finding;
+  std::string why;
+  const int fd = Connect(address, ctx.connection.timeout_ms, &why);
+  if (fd < 0) {
+    finding.status = why;
+    if (why == "silent") finding.detail = "no connection within " + std::to_string(ctx.connection.timeout_ms) + " ms";
+    return finding;
+  }
+  ::close(fd);
+  const int first = ctx.connection.ktc_version;
+  for (int version : {first, 3 - first}) {
+    ConnectionOptions options = ctx.connection;
+    options.host = target.address;
+    options.port = target.port;
+    options.ktc_version = version;
+    try {
+      Session session(options);
+      std::vector<uint8_t> reply;
+      const auto start = std::chrono::steady_clock::now();
+      session.client().QueryCommand({}, reply, kProbeCmd);
+      finding.rtt_ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+      finding.status = version == 2 ? "KTC 2.0" : "KTC 1.0";
+      finding.detail = "TLS verified, issued by " + session.TlsIssuer();
+      if (VarInfo* pn = session.table().FindByName("PN"); pn && session.Read({pn}).empty())
+        finding.part_number = pn->current_val;
+      return finding;
+    } catch (const TlsRefused& e) {
+      finding.status = "TLS refused";
+      const std::string text = e.what();
+      finding.detail = text.substr(text.find(": ") + 2);
+      return finding;
+    } catch (const std::exception& e) {
+      finding.detail = e.what();
+    }
+  }
+  finding.status = "not KTC";
+  return finding;
+}
+
 Finding Examine(const Context& ctx, const Target& target) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(target.port);
   ::inet_pton(AF_INET, target.address.c_str(), &address.sin_addr);
+  if (ctx.connection.tls) return ExamineTls(ctx, target, address);
   const uint32_t timeout = ctx.connection.timeout_ms;
   Finding finding;
   bool other = false;

@@ -240,13 +240,21 @@ int Info(const Context& ctx) {
                   {"serial_number", FirstOf(table, {"SN"})},
                   {"part_number", FirstOf(table, {"PN"})},
                   {"versions", versions}};
+  const std::string issuer = session.TlsIssuer();
   if (ctx.json) {
+    if (ctx.connection.tls) {
+      Json with_tls = info;
+      with_tls["connection"] = {{"tls", "verified"}, {"issuer", issuer}};
+      *ctx.out << with_tls.dump(2) << "\n";
+      return 0;
+    }
     *ctx.out << info.dump(2) << "\n";
     return 0;
   }
   std::vector<std::vector<std::string>> rows{
       {"Model", info["model"]}, {"Serial number", info["serial_number"]}, {"Part number", info["part_number"]}};
   for (const auto& [name, value] : versions.items()) rows.push_back({name, value});
+  if (ctx.connection.tls) rows.push_back({"Connection", "TLS, verified, issued by " + issuer});
   PrintTable(*ctx.out, rows);
   return 0;
 }

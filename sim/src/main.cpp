@@ -51,8 +51,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "varkel-sim: %s\n", error.c_str());
     return 1;
   }
-  std::printf("varkel-sim: model %s, KTC %d.0 on %s:%u\n", cl.options.model.c_str(), cl.options.ktc_version,
-              cl.options.host.c_str(), static_cast<unsigned>(lidar.port()));
+  std::printf("varkel-sim: model %s, KTC %d.0%s on %s:%u\n", cl.options.model.c_str(), cl.options.ktc_version,
+              cl.options.tls ? " over TLS" : "", cl.options.host.c_str(), static_cast<unsigned>(lidar.port()));
   if (cl.options.serial) {
     std::printf("varkel-sim: serial commands (UART) on %s\n", lidar.command_port_path().c_str());
     std::printf("varkel-sim: serial data (RS485) on %s\n", lidar.data_port_path().c_str());

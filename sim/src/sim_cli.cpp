@@ -53,6 +53,10 @@ std::string SimUsage() {
          "                        may be repeated. MODE is one of: " +
          modes +
          "\n"
+         "  --tls                 serve KTC over TLS (needs --cert and --key)\n"
+         "  --cert FILE           the sensor's certificate (PEM), with its chain\n"
+         "  --key FILE            the certificate's private key (PEM)\n"
+         "  --client-ca FILE      with --tls: only clients showing a certificate this CA issued\n"
          "  --verbose             trace every frame in and out in hexadecimal\n"
          "  --help                this text\n"
          "\n"
@@ -155,12 +159,29 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
         }
       }
       out->failures.push_back(f);
+    } else if (a == "--tls") {
+      out->options.tls = true;
+    } else if (a == "--cert" || a == "--key" || a == "--client-ca") {
+      if (!need(i, a)) return false;
+      std::string& file = a == "--cert"  ? out->options.tls_cert
+                          : a == "--key" ? out->options.tls_key
+                                         : out->options.tls_client_ca;
+      file = args[++i];
     } else if (a == "--verbose" || a == "-v") {
       out->options.verbose = true;
     } else {
       *error = "unknown option \"" + a + "\" (see --help)";
       return false;
     }
+  }
+  const SimOptions& o = out->options;
+  if (o.tls && (o.tls_cert.empty() || o.tls_key.empty())) {
+    *error = "--tls needs --cert FILE and --key FILE";
+    return false;
+  }
+  if (!o.tls && (!o.tls_cert.empty() || !o.tls_key.empty() || !o.tls_client_ca.empty())) {
+    *error = "--cert, --key and --client-ca go with --tls";
+    return false;
   }
   if (!out->options.udp_target.empty() && out->options.udp_rate == 0) out->options.udp_rate = 10;
   return true;

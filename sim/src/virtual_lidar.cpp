@@ -22,6 +22,7 @@
 #include "register_bank.h"
 #include "reply_path.h"
 #include "serial_wire.h"
+#include "tls_server.h"
 #include "udp_emitter.h"
 #include "virtual_lidar_parts.h"
 
@@ -153,6 +154,10 @@ int VirtualLidar::OpenListener(uint16_t port, std::string* error) {
 }
 
 bool VirtualLidar::StartKtc(std::string* error) {
+  if (opt_.tls) {
+    tls_ctx_ = MakeServerContext(opt_.tls_cert, opt_.tls_key, opt_.tls_client_ca, error);
+    if (!tls_ctx_) return false;
+  }
   net::Startup();
   ktc_started_ = true;
   if (::pipe2(wake_pipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -278,8 +283,23 @@ void VirtualLidar::Serve(Connection* conn) {
   const int version = opt_.ktc_version == 2 ? 2 : 1;
   std::vector<uint8_t> buf(4096);
   bool open = true;
+  // Over TLS the connection starts with the handshake; reads wake every poll period so that
+  // Stop is seen, and a failed handshake ends the connection without a word.
+  SSL* ssl = nullptr;
+  bool handshaken = true;
+  if (tls_ctx_) {
+    net::SetReceiveTimeoutMs(fd, kPollMs);
+    net::SetSendTimeoutMs(fd, kPollMs);
+    std::string why;
+    ssl = AcceptTls(tls_ctx_.get(), fd, kTlsHandshakeMs, running_, &why);
+    if (ssl == nullptr) {
+      path_->Note("TLS handshake refused: " + why);
+      handshaken = false;
+    }
+  }
   auto close_conn = [&](bool reset) {
     std::lock_guard<std::mutex> lock(conn_mu_);
+    if (ssl != nullptr && !reset) SSL_shutdown(ssl);
     if (reset) {
       // Linger 0 turns the close into a reset.
       linger lg{1, 0};
@@ -289,13 +309,21 @@ void VirtualLidar::Serve(Connection* conn) {
     conn->fd = -1;
     open = false;
   };
-  auto write_fd = [&](const std::vector<uint8_t>& bytes) { return WriteAll(fd, bytes, true); };
+  auto write_fd = [&](const std::vector<uint8_t>& bytes) {
+    return ssl != nullptr ? TlsWriteAll(ssl, bytes, kSocketStallMs) : WriteAll(fd, bytes, true);
+  };
 
-  while (open && running_.load()) {
-    pollfd p{fd, POLLIN, 0};
-    const int r = ::poll(&p, 1, kPollMs);
-    if (r == 0 || (r < 0 && errno == EINTR)) continue;
-    const ssize_t n = r > 0 ? ::recv(fd, buf.data(), buf.size(), 0) : -1;
+  while (handshaken && open && running_.load()) {
+    // Bytes TLS holds already (decrypted or read ahead) are not on the socket any more.
+    if (ssl == nullptr || (SSL_pending(ssl) == 0 && SSL_has_pending(ssl) == 0)) {
+      pollfd p{fd, POLLIN, 0};
+      const int r = ::poll(&p, 1, kPollMs);
+      if (r == 0 || (r < 0 && errno == EINTR)) continue;
+      if (r < 0) break;
+    }
+    const ssize_t n =
+        ssl != nullptr ? TlsRead(ssl, buf.data(), static_cast<int>(buf.size())) : ::recv(fd, buf.data(), buf.size(), 0);
+    if (ssl != nullptr && n < 0) continue;  // a record not yet whole
     if (n <= 0) break;
     reader.Feed(buf.data(), static_cast<size_t>(n));
     if (reader.broken()) {
@@ -351,7 +379,8 @@ void VirtualLidar::Serve(Connection* conn) {
     }
   }
   if (open) close_conn(false);
-  if (SmallSensorOverKtc()) {
+  SSL_free(ssl);
+  if (handshaken && SmallSensorOverKtc()) {
     // The program let go of the line: an image half sent is lost, and a sensor in upgrade
     // mode reboots into what arrived whole.
     RecordOta(small_.AbandonOta(), "OTA image abandoned: the connection closed");

@@ -25,6 +25,7 @@
 #include "file_receiver.h"
 #include "fov_block.h"
 #include "small_sensor.h"
+#include "tls_server.h"
 
 namespace varkel::sim {
 
@@ -47,6 +48,12 @@ struct SimOptions {
   int restart_delay_ms = 3000;
   // Bytes in every log body (each operation-log part too); at most kMaxLogSize.
   uint32_t log_size = 256u * 1024u;
+  // KTC over TLS with this certificate and key; with a client CA, clients must show a
+  // certificate it issued.
+  bool tls = false;
+  std::string tls_cert;
+  std::string tls_key;
+  std::string tls_client_ca;
 };
 
 class RegisterBank;
@@ -228,7 +235,8 @@ class VirtualLidar {
   std::atomic<bool> running_{false};
   std::atomic<uint16_t> port_{0};
   std::atomic<uint32_t> baud_rate_{kDefaultBaudRate};
-  int listen_fd_ = -1;  // the accept thread's once it runs (it closes and reopens it on restart)
+  ServerContext tls_ctx_;  // set by Start when serving TLS
+  int listen_fd_ = -1;     // the accept thread's once it runs (it closes and reopens it on restart)
   bool ktc_started_ = false;
   // A connection thread's byte here wakes the accept thread for a restart.
   int wake_pipe_[2] = {-1, -1};

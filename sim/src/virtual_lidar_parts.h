@@ -36,6 +36,8 @@ inline constexpr uint32_t kBaudRates[] = {9600,    19200,   38400,   57600,   11
 // serial thread is not held up.
 inline constexpr int kSocketStallMs = 30000;
 inline constexpr int kSerialStallMs = 1000;
+// A client that has not finished the TLS handshake by then is not going to.
+inline constexpr int kTlsHandshakeMs = 10000;
 
 // Writes everything, waiting while the descriptor is full, until it took nothing for the
 // stall limit. A socket shut down by Stop or a restart fails the write at once.

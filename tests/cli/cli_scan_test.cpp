@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "../sim/test_certificates.h"
 #include "cli_fixture.h"
 
 namespace {
@@ -157,6 +158,58 @@ TEST_F(CliScanTest, ScanOfAPrefixVisitsEveryHostAddressInParallel) {
     EXPECT_EQ(rows[i]["address"], "127.0.0." + std::to_string(i + 1));
     EXPECT_EQ(rows[i]["status"], i == 0 ? "KTC 1.0" : "refused") << rows[i];
   }
+}
+
+}  // namespace
+
+namespace {
+
+// With --tls a port counts only when its certificate is verified and KTC answers inside
+// the handshake; a plain sensor and a wrong certificate are refused with the reason.
+TEST_F(CliScanTest, ScanOverTlsCountsOnlyVerifiedSensors) {
+  simtest::TestPki pki;
+  auto tls_sim = [&](const std::string& cert) {
+    varkel::sim::SimOptions o;
+    o.model = "Quenta";
+    o.config_dir = kTables;
+    o.port = 0;
+    o.live_values = false;
+    o.tls = true;
+    o.tls_cert = pki.Cert(cert);
+    o.tls_key = pki.Key(cert);
+    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
+    std::string error;
+    EXPECT_TRUE(sim->Start(&error)) << error;
+    return sim;
+  };
+  auto good = tls_sim("sensor");
+  auto wrong = tls_sim("wrong");
+  const std::string ports =
+      std::to_string(good->port()) + "," + std::to_string(wrong->port()) + "," + std::to_string(sim_->port());
+  Result scan = Run(
+      {"--json", "--timeout", "500", "--tls", "--ca", pki.Cert("ca"), "scan", "127.0.0.1", "--ports", ports}, false);
+  ASSERT_EQ(scan.status, 0) << scan.err;
+  Json rows = Json::parse(scan.out);
+  ASSERT_EQ(rows.size(), 3u) << scan.out;
+  EXPECT_TRUE(rows[0].contains("rtt_ms"));
+  rows[0].erase("rtt_ms");
+  EXPECT_EQ(rows[0], (Json{{"address", "127.0.0.1"},
+                           {"port", good->port()},
+                           {"status", "KTC 1.0"},
+                           {"part_number", good->Value("PN")},
+                           {"detail", "TLS verified, issued by Test Sensor CA"}}));
+  EXPECT_EQ(rows[1], (Json{{"address", "127.0.0.1"},
+                           {"port", wrong->port()},
+                           {"status", "TLS refused"},
+                           {"detail", "certificate is for 127.0.0.2, not 127.0.0.1"}}));
+  EXPECT_EQ(rows[2], (Json{{"address", "127.0.0.1"},
+                           {"port", sim_->port()},
+                           {"status", "TLS refused"},
+                           {"detail",
+                            "the sensor did not answer the TLS handshake within 500 ms (is it a plain KTC "
+                            "port?)"}}));
+  // The plain sensor saw the handshake only, never a plain probe.
+  EXPECT_EQ(sim_->CommandCount(7), 0u);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "../sim/test_certificates.h"
 #include "cli_fixture.h"
 
 namespace {
@@ -190,6 +191,52 @@ TEST_F(CliTest, UnreachableSensorAndSettingsFileDefaults) {
   Result gone = Run({"get"}, false);
   EXPECT_EQ(gone.status, 3);
   EXPECT_EQ(gone.err, "varkel-cli: cannot reach 127.0.0.1:" + std::to_string(port) + ": connection refused\n");
+}
+
+// TLS only when asked on the command line: verified, writing as over TCP, or refused with
+// the reason; the certificate options alone are a mistake.
+TEST_F(CliTest, TlsIsVerifiedOrRefusedWithTheReason) {
+  simtest::TestPki pki;
+  const auto start_tls = [&](const std::string& cert) {
+    varkel::sim::SimOptions o;
+    o.model = "Quenta";
+    o.config_dir = kTables;
+    o.port = 0;
+    o.live_values = false;
+    o.tls = true;
+    o.tls_cert = pki.Cert(cert);
+    o.tls_key = pki.Key(cert);
+    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
+    std::string error;
+    EXPECT_TRUE(sim->Start(&error)) << error;
+    return sim;
+  };
+  auto good = start_tls("sensor");
+  const auto at = [](uint16_t port) {
+    return std::vector<std::string>{"--host", "127.0.0.1", "--port", std::to_string(port), "--timeout", "1000"};
+  };
+  auto args = at(good->port());
+  args.insert(args.end(), {"--tls", "--ca", pki.Cert("ca"), "info"});
+  Result info = Run(args, false);
+  ASSERT_EQ(info.status, 0) << info.err;
+  EXPECT_NE(info.out.find("TLS, verified, issued by Test Sensor CA"), std::string::npos) << info.out;
+  args = at(good->port());
+  args.insert(args.end(), {"--tls", "--ca", pki.Cert("ca"), "set", "Noise Filter Level=7"});
+  EXPECT_EQ(Run(args, false).status, 0);
+  EXPECT_EQ(good->Value("Noise Filter Level"), "7");
+
+  auto self = start_tls("self");
+  args = at(self->port());
+  args.insert(args.end(), {"--tls", "--ca", pki.Cert("ca"), "get"});
+  Result refused = Run(args, false);
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_EQ(refused.err, "varkel-cli: no verified TLS connection to 127.0.0.1:" + std::to_string(self->port()) +
+                             ": certificate not trusted (self-signed)\n");
+  EXPECT_EQ(self->CommandCount(7), 0u);
+
+  Result loose = Run({"--ca", pki.Cert("ca"), "get"});
+  EXPECT_EQ(loose.status, 2);
+  EXPECT_EQ(loose.err, "varkel-cli: --ca, --cert and --key go with --tls\n");
 }
 
 TEST_F(CliTest, ModelsListsTheInstalledTables) {

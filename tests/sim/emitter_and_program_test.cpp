@@ -86,6 +86,11 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   EXPECT_EQ(std::make_tuple(cl.failures[0].mode, cl.failures[0].cmd, cl.failures[0].param),
             std::make_tuple(FailureMode::kDelay, 7, 500));
   EXPECT_EQ(std::make_tuple(cl.failures[1].mode, cl.failures[1].cmd), std::make_tuple(FailureMode::kNoReply, -1));
+  varkel::sim::SimCommandLine tls;
+  ASSERT_TRUE(
+      ParseSimCommandLine({"--tls", "--cert", "s.pem", "--key", "s.key", "--client-ca", "ca.pem"}, &tls, &error));
+  EXPECT_EQ(std::make_tuple(tls.options.tls, tls.options.tls_cert, tls.options.tls_key, tls.options.tls_client_ca),
+            std::make_tuple(true, std::string("s.pem"), std::string("s.key"), std::string("ca.pem")));
 
   const std::vector<std::vector<std::string>> bad_lines = {
       {"--port", "70000"},
@@ -98,6 +103,8 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
       {"--restart-delay", "-1"},
       {"--log-size", "2000000000"},
       {"--log-size", "1k"},
+      {"--tls", "--cert", "s.pem"},
+      {"--cert", "s.pem", "--key", "s.key"},
   };
   for (const auto& bad : bad_lines) {
     varkel::sim::SimCommandLine c;

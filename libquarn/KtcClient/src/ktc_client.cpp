@@ -8,6 +8,7 @@
 #include "logger.h"
 #include "tcp_client.h"
 #include "tcp_ssl_client.h"
+#include "verified_tls_client.h"
 
 namespace quarn::lidar {
 namespace {
@@ -152,18 +153,27 @@ void KtcClient::TryOpen() {
     transport = std::make_shared<TcpClient>();
   } else if (client_type_ == kClientTls) {
     transport = std::make_shared<TcpSslClient>();
+  } else if (client_type_ == kClientVerifiedTls) {
+    auto verified = std::make_shared<VerifiedTlsClient>();
+    // The handshake may take the whole connect time-out, not the one-second connect try.
+    verified->SetHandshakeTimeoutMs(connect_timeout_s_ > 0 ? static_cast<uint32_t>(connect_timeout_s_ * 1000.0f)
+                                                           : 5000);
+    transport = verified;
   }
   if (transport) {
     {
       std::lock_guard<std::mutex> lock(transport_mutex_);
       transport_ = transport;
     }
-    const bool tls = client_type_ == kClientTls;
+    const bool tls = client_type_ == kClientTls || client_type_ == kClientVerifiedTls;
+    auto* verified = dynamic_cast<VerifiedTlsClient*>(transport.get());
     while (running_.load()) {
       if (transport->TryOpen(local_port_, ip, lidar_port_, auto_receive_, tls ? cert_path_.c_str() : nullptr,
                              tls ? private_key_path_.c_str() : nullptr, tls ? ca_path_.c_str() : nullptr, 1)) {
         break;
       }
+      // A certificate refused now is refused on every try.
+      if (verified != nullptr && verified->FailedFinally()) break;
       if (timed_out()) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
@@ -182,6 +192,22 @@ void KtcClient::TryOpen() {
   } else {
     LOG_WARNING("ktc connect exit 2");
   }
+  connect_ended_.store(true);
+}
+
+std::string KtcClient::ConnectError() const {
+  auto transport = Transport();
+  auto* verified = dynamic_cast<VerifiedTlsClient*>(transport.get());
+  if (verified == nullptr || verified->IsOpened()) return {};
+  if (!verified->FailedFinally() && !connect_ended_.load()) return {};
+  const std::string error = verified->LastError();
+  return error.empty() && connect_ended_.load() ? "no connection within the connect time-out" : error;
+}
+
+std::string KtcClient::PeerIssuer() const {
+  auto transport = Transport();
+  auto* verified = dynamic_cast<VerifiedTlsClient*>(transport.get());
+  return verified != nullptr && verified->IsOpened() ? verified->PeerIssuer() : std::string();
 }
 
 void KtcClient::ApplyTimeouts(ClientBase& transport, uint32_t receive_ms, uint32_t send_ms) {

@@ -28,6 +28,9 @@ class KtcClient {
   static constexpr uint32_t kClientTls = 1;
   // The transport was handed in; no connect thread runs.
   static constexpr uint32_t kClientGiven = 2;
+  // TLS with the sensor's certificate verified (VerifiedTlsClient). A failed verification
+  // ends the connect thread: it is never retried and never falls back to plain TCP.
+  static constexpr uint32_t kClientVerifiedTls = 3;
 
   // Starts the connect thread at once; poll IsOpen. An empty lidar_ip makes the thread wait
   // for SetLidarIp. connect_timeout_s < 0 means retry without end (until Stop).
@@ -47,6 +50,11 @@ class KtcClient {
   KtcClient& operator=(const KtcClient&) = delete;
 
   bool IsOpen();
+  // Verified TLS only: why connecting failed, once it has for good (a TLS failure, or the
+  // connect time-out passed); empty while it may still open and for the other types.
+  std::string ConnectError() const;
+  // Verified TLS only: who issued the sensor's certificate; empty while not open.
+  std::string PeerIssuer() const;
 
   // One exchange. 0 on success, -1 on failure with the reason in GetLastReturnCode().
   // On success `result` is the reply payload (header first when with_header).
@@ -111,6 +119,7 @@ class KtcClient {
   std::atomic<uint32_t> serial_fast_baud_rate_{3125000};
   const uint32_t serial_default_baud_rate_ = 115200;
   std::atomic<bool> running_{true};
+  std::atomic<bool> connect_ended_{false};
   std::atomic<int> last_return_code_{0};
   std::mutex command_mutex_;
   const uint32_t client_type_;

@@ -15,6 +15,7 @@
 
 #include "serial_source.h"
 
+#include "../../sim/test_certificates.h"
 #include "manager_test_support.h"
 
 using vktest::SignalLog;
@@ -129,6 +130,63 @@ TEST_F(ManagerConnection, ClosedAndNonNumericPortsFail) {
     log_->Clear();
     m_->setProperty("port", "ktc");
   }
+}
+
+// With TLS on, the connect waits for the handshake's outcome: verified (and who issued
+// the certificate), or refused with the reason as the notice, never plain TCP instead.
+TEST_F(ManagerConnection, TlsConnectWaitsForTheHandshakeAndNamesARefusal) {
+  simtest::TestPki pki;
+  Load("Testa", vktest::TestaTable());
+  const auto tls_sim = [&](const std::string& cert) {
+    varkel::sim::SimOptions o;
+    o.model = "Testa";
+    o.config_dir = root_ + "/Config/varID";
+    o.port = 0;
+    o.live_values = false;
+    o.tls = true;
+    o.tls_cert = pki.Cert(cert);
+    o.tls_key = pki.Key(cert);
+    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
+    std::string error;
+    EXPECT_TRUE(sim->Start(&error)) << error;
+    return sim;
+  };
+  m_->SetKtcTimeouts(std::chrono::milliseconds(700));
+  m_->setProperty("tlsEnabled", true);
+  m_->setProperty("tlsCaFile", QUrl::fromLocalFile(QString::fromStdString(pki.Cert("ca"))).toString());
+  EXPECT_EQ(m_->getTlsCaFile().toStdString(), pki.Cert("ca"));
+
+  auto good = tls_sim("sensor");
+  ASSERT_TRUE(Connect(*m_, *good, *log_));
+  EXPECT_EQ(m_->getTlsIssuer(), "Test Sensor CA");
+  EXPECT_GT(good->CommandCount(7), 0u);
+  m_->Stop();
+  ASSERT_TRUE(log_->Wait([&] { return !m_->getIsConnected(); }));
+
+  auto self = tls_sim("self");
+  struct {
+    const varkel::sim::VirtualLidar* sim;
+    std::string reason;
+  } const refusals[] = {
+      {self.get(), "certificate not trusted (self-signed)"},
+      {sim_.get(), "the sensor did not answer the TLS handshake within 700 ms (is it a plain KTC port?)"},
+  };
+  for (const auto& r : refusals) {
+    log_->Clear();
+    Aim(*m_, *r.sim);
+    ASSERT_TRUE(m_->ConnectLidar());
+    ASSERT_TRUE(AttemptOver()) << r.reason;
+    EXPECT_TRUE(log_->Has("ERROR: Connection Error: " + r.reason)) << r.reason;
+    EXPECT_EQ(Error(), r.reason);
+    EXPECT_FALSE(m_->getIsConnected());
+    EXPECT_EQ(m_->getTlsIssuer(), "");
+  }
+  EXPECT_EQ(sim_->CommandCount(7), 0u);  // the plain sensor never saw a plain probe
+
+  // The switch and the files are kept for the next start.
+  TestManager again;
+  EXPECT_TRUE(again.getTlsEnabled());
+  EXPECT_EQ(again.getTlsCaFile().toStdString(), pki.Cert("ca"));
 }
 
 TEST_F(ManagerConnection, KtcToASmallSensorSendsTheBaudRateWithoutProbe) {

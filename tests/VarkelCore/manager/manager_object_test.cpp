@@ -51,7 +51,7 @@ TEST_F(ManagerObject, MetaObjectKeepsSignalAndInvokableOrder) {
             "isUpgradingChanged sendCommandHistoryChanged errorMessageChanged successMessageChanged "
             "isDownloadLogChanged lidarModelListChanged isResetAllSettingsVisibleChanged sendLogMessage "
             "downloadFinished downloadOperationLogFinished someVarOutOfRange connectTypeChanged "
-            "zeltoLidarInfoChanged isGetPBLVersionChanged initInfoChanged myTimerMapChanged");
+            "zeltoLidarInfoChanged isGetPBLVersionChanged initInfoChanged myTimerMapChanged tlsChanged");
   // Defaulted arguments appear twice, as Qt makes one method per arity.
   EXPECT_EQ(MethodNames(QMetaMethod::Method),
             "InitConfigFileParser InitConfigFileParser ConnectLidar CheckLidarConnection Run Stop SetText ClearSetMap "

@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "../../sim/test_certificates.h"
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
 
@@ -89,6 +90,35 @@ class Harness : public QObject {
     return sim_->SetValue(name.toStdString(), text.toStdString());
   }
   Q_INVOKABLE void setLinkLost(bool lost) { sim_->SetLinkLost(lost); }
+  // A second virtual lidar of the same model serving TLS with the run-time certificate
+  // `cert` ("sensor", "self", ...); its port, 0 when it did not start.
+  Q_INVOKABLE int startTlsSim(const QString& cert) {
+    if (!pki_) pki_ = std::make_unique<simtest::TestPki>();
+    varkel::sim::SimOptions o;
+    o.config_dir = VARKEL_BINARY_DIR "/Config/varID";
+    o.port = 0;
+    o.live_values = false;
+    o.tls = true;
+    o.tls_cert = pki_->Cert(cert.toStdString());
+    o.tls_key = pki_->Key(cert.toStdString());
+    tls_sims_.push_back(std::make_unique<varkel::sim::VirtualLidar>(o));
+    std::string error;
+    return tls_sims_.back()->Start(&error) ? tls_sims_.back()->port() : 0;
+  }
+  // Every test starts from the same settings file: a connect writes what it used (a TLS
+  // test's port and switch) for the next window to start with.
+  void SetSettings(const QString& path, const QByteArray& text) {
+    settings_path_ = path;
+    settings_text_ = text;
+    restoreSettings();
+  }
+  Q_INVOKABLE void restoreSettings() {
+    QFile ini(settings_path_);
+    if (ini.open(QIODevice::WriteOnly | QIODevice::Truncate)) ini.write(settings_text_);
+  }
+  Q_INVOKABLE QString pkiFile(const QString& name) const {
+    return pki_ ? QString::fromStdString(pki_->Cert(name.toStdString())) : QString();
+  }
   // The sensor's five start and five end angles, in hundredths of a degree.
   Q_INVOKABLE void setFov(const QVariantList& start, const QVariantList& end) {
     varkel::sim::FovBlock::Angles s{}, e{};
@@ -145,6 +175,10 @@ class Harness : public QObject {
   TestManager* manager_ = nullptr;
   QQmlContext* context_ = nullptr;
   std::vector<std::unique_ptr<QTemporaryDir>> folders_;
+  std::unique_ptr<simtest::TestPki> pki_;
+  QString settings_path_;
+  QByteArray settings_text_;
+  std::vector<std::unique_ptr<varkel::sim::VirtualLidar>> tls_sims_;
 };
 
 }  // namespace
@@ -172,15 +206,13 @@ int main(int argc, char** argv) {
     return 1;
   }
   QDir().mkpath(home.path() + "/Documents/VelmoraDataFiles");
-  QFile ini(home.path() + "/Documents/VelmoraDataFiles/RecvSettings.ini");
-  if (!ini.open(QIODevice::WriteOnly)) return 1;
-  ini.write(QStringLiteral("[General]\ndevice_ip_address=127.0.0.1\nktc_port=%1\n").arg(sim.port()).toUtf8());
-  ini.close();
 
   // As the program names itself: the file dialogs keep their settings under this name.
   QCoreApplication::setOrganizationName(QStringLiteral("QuarnTech"));
   QCoreApplication::setOrganizationDomain(QStringLiteral("quarntech.example"));
   Harness harness(&sim);
+  harness.SetSettings(home.path() + "/Documents/VelmoraDataFiles/RecvSettings.ini",
+                      QStringLiteral("[General]\ndevice_ip_address=127.0.0.1\nktc_port=%1\n").arg(sim.port()).toUtf8());
   const int status = quick_test_main_with_setup(argc, argv, "app_qml_tests", VARKEL_QML_TEST_DIR, &harness);
   sim.Stop();
   return status;

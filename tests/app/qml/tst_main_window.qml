@@ -27,6 +27,7 @@ Item {
         function cleanup() {
             if (vm && vm.IsConnected) vm.Stop();
             harness.destroyMainWindow();
+            harness.restoreSettings();
             ui = vm = null;
         }
 
@@ -147,6 +148,40 @@ Item {
             mouseClick(button);
             tryVerify(() => child("errorInfoWindow").visible, 20000, "no model warning");
             verify(child("errorInfoWindow").message.indexOf("mismatch is detected between the lidar model") >= 0);
+        }
+
+        function test_tls_switch_files_and_the_verified_connection() {
+            var goodPort = harness.startTlsSim("sensor");
+            var selfPort = harness.startTlsSim("self");
+            verify(goodPort > 0 && selfPort > 0, "the TLS sensors did not start");
+            verify(!child("tlsFilesButton").visible, "certificate files offered without TLS");
+            mouseClick(child("tlsSwitch"));
+            verify(vm.tlsEnabled, "the switch did not reach the controller");
+            tryVerify(() => child("tlsFilesButton").visible && child("tlsFilesButton").width > 0, 5000);
+            waitForRendering(ui);
+            mouseClick(child("tlsFilesButton"));
+            tryVerify(() => child("tlsFilesPopup").opened, 5000);
+            // The popup's rows live in the window's overlay, not under the top bar.
+            var caPath = findChild(child("tlsFilesPopup").contentItem, "tlsPath_ca");
+            verify(caPath !== null, "no CA row");
+            compare(caPath.text, "the system's store");
+            vm.tlsCaFile = harness.pkiFile("ca");  // what the dialog's choice does
+            compare(caPath.text, harness.pkiFile("ca"));
+            child("tlsFilesPopup").close();
+
+            // A refused certificate is the notice itself, and nothing connects.
+            typeText(child("portField"), String(selfPort));
+            mouseClick(child("connectButton"));
+            tryVerify(() => child("errorInfoWindow").visible, 20000, "no refusal shown");
+            compare(child("errorInfoWindow").message, "certificate not trusted (self-signed)");
+            compare(child("connectButton").text, "Connect");
+            closeNotices();
+
+            typeText(child("portField"), String(goodPort));
+            connectNow();
+            tryVerify(() => child("statusText").text.indexOf("TLS verified, issued by Test Sensor CA") >= 0, 5000,
+                      "the status bar does not say the connection is verified");
+            verify(!child("tlsSwitch").enabled, "TLS can be switched while connected");
         }
 
         function test_connect_refused_while_an_attempt_runs_and_a_silent_lidar_disconnected() {
