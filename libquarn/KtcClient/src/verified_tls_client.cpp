@@ -152,6 +152,7 @@ bool VerifiedTlsClient::TryOpen(uint16_t local_port, const std::string& ip, uint
     CloseSession();
     return false;
   }
+  interrupt_.Arm(socket_);
   opened_.store(true, std::memory_order_release);
   LOG_PROGRESS("TLS to %s:%u verified", ip.c_str(), static_cast<unsigned>(port));
   return true;
@@ -374,6 +375,7 @@ void VerifiedTlsClient::CloseSession() {
     ssl_ = nullptr;
   }
   if (socket_ != net::kInvalidSocket) {
+    interrupt_.Disarm();
     net::CloseSocket(socket_);
     net::Cleanup();
     socket_ = net::kInvalidSocket;

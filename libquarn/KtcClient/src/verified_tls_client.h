@@ -38,6 +38,7 @@ class VerifiedTlsClient : public ClientBase {
   bool SetReceiveTimeout(uint32_t ms) override;
   int SetTimeout(uint32_t receive_ms, uint32_t send_ms) override;
   void SetReceiveBufferSize(const uint32_t& size) override;
+  void Interrupt() override { interrupt_.Fire(); }
 
   void SetHandshakeTimeoutMs(uint32_t ms) { handshake_timeout_ms_ = ms; }
   // Why the last open failed, in words for the user; empty after a success.
@@ -63,6 +64,7 @@ class VerifiedTlsClient : public ClientBase {
   std::string lidar_ip_;
   uint16_t lidar_port_ = 0;
   net::socket_t socket_ = net::kInvalidSocket;
+  SocketInterrupt interrupt_;
   SSL* ssl_ = nullptr;
   std::atomic<bool> opened_{false};
   uint32_t receive_timeout_ms_ = 500;
