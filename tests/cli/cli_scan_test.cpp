@@ -169,17 +169,8 @@ namespace {
 TEST_F(CliScanTest, ScanOverTlsCountsOnlyVerifiedSensors) {
   simtest::TestPki pki;
   auto tls_sim = [&](const std::string& cert) {
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
-    o.tls = true;
-    o.tls_cert = pki.Cert(cert);
-    o.tls_key = pki.Key(cert);
-    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    EXPECT_TRUE(sim->Start(&error)) << error;
+    auto sim = simtest::StartTlsLidar(pki, "Quenta", kTables, cert);
+    EXPECT_NE(sim, nullptr);
     return sim;
   };
   auto good = tls_sim("sensor");

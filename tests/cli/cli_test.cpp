@@ -198,17 +198,8 @@ TEST_F(CliTest, UnreachableSensorAndSettingsFileDefaults) {
 TEST_F(CliTest, TlsIsVerifiedOrRefusedWithTheReason) {
   simtest::TestPki pki;
   const auto start_tls = [&](const std::string& cert) {
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
-    o.tls = true;
-    o.tls_cert = pki.Cert(cert);
-    o.tls_key = pki.Key(cert);
-    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    EXPECT_TRUE(sim->Start(&error)) << error;
+    auto sim = simtest::StartTlsLidar(pki, "Quenta", kTables, cert);
+    EXPECT_NE(sim, nullptr);
     return sim;
   };
   auto good = start_tls("sensor");

@@ -10,7 +10,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
+
+#include "virtual_lidar.h"
 
 namespace simtest {
 
@@ -98,5 +101,22 @@ class TestPki {
   EVP_PKEY* ca_key_ = nullptr;
   X509* ca_ = nullptr;
 };
+
+// The virtual lidar of `model` serving KTC over TLS with the certificate `cert` of `pki`.
+inline std::unique_ptr<varkel::sim::VirtualLidar> StartTlsLidar(const TestPki& pki, const std::string& model,
+                                                                const std::string& config_dir,
+                                                                const std::string& cert) {
+  varkel::sim::SimOptions o;
+  o.model = model;
+  o.config_dir = config_dir;
+  o.port = 0;
+  o.live_values = false;
+  o.tls = true;
+  o.tls_cert = pki.Cert(cert);
+  o.tls_key = pki.Key(cert);
+  auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
+  std::string error;
+  return sim->Start(&error) ? std::move(sim) : nullptr;
+}
 
 }  // namespace simtest

@@ -138,17 +138,8 @@ TEST_F(ManagerConnection, TlsConnectWaitsForTheHandshakeAndNamesARefusal) {
   simtest::TestPki pki;
   Load("Testa", vktest::TestaTable());
   const auto tls_sim = [&](const std::string& cert) {
-    varkel::sim::SimOptions o;
-    o.model = "Testa";
-    o.config_dir = root_ + "/Config/varID";
-    o.port = 0;
-    o.live_values = false;
-    o.tls = true;
-    o.tls_cert = pki.Cert(cert);
-    o.tls_key = pki.Key(cert);
-    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    EXPECT_TRUE(sim->Start(&error)) << error;
+    auto sim = simtest::StartTlsLidar(pki, "Testa", root_ + "/Config/varID", cert);
+    EXPECT_NE(sim, nullptr);
     return sim;
   };
   m_->SetKtcTimeouts(std::chrono::milliseconds(700));
