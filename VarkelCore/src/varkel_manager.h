@@ -473,6 +473,9 @@ class VarkelManager : public QObject {
   std::string tls_cert_file_;
   std::string tls_key_file_;
   std::string tls_issuer_;  // of the open verified connection, else empty
+  // The TLS text fields under the fields lock; a setter takes a path or a file URL.
+  QString TlsText(const std::string VarkelManager::*field) const;
+  void SetTlsPath(std::string VarkelManager::*field, const QString& path);
   std::string serial_port_232_ = "/dev/ttyUSB1";
   struct CommandRecord {
     std::string record_time;

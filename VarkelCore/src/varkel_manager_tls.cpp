@@ -28,46 +28,38 @@ void VarkelManager::setTlsEnabled(bool on) {
   emit tlsChanged();
 }
 
+QString VarkelManager::TlsText(const std::string VarkelManager::*field) const {
+  std::lock_guard<std::mutex> lock(fields_mutex_);
+  return QString::fromStdString(this->*field);
+}
+
+void VarkelManager::SetTlsPath(std::string VarkelManager::*field, const QString& path) {
+  {
+    std::lock_guard<std::mutex> lock(fields_mutex_);
+    this->*field = LocalPath(path);
+  }
+  emit tlsChanged();
+}
+
 QString VarkelManager::getTlsCaFile() const {
-  std::lock_guard<std::mutex> lock(fields_mutex_);
-  return QString::fromStdString(tls_ca_file_);
+  return TlsText(&VarkelManager::tls_ca_file_);
 }
-
 void VarkelManager::setTlsCaFile(const QString& path) {
-  {
-    std::lock_guard<std::mutex> lock(fields_mutex_);
-    tls_ca_file_ = LocalPath(path);
-  }
-  emit tlsChanged();
+  SetTlsPath(&VarkelManager::tls_ca_file_, path);
 }
-
 QString VarkelManager::getTlsCertFile() const {
-  std::lock_guard<std::mutex> lock(fields_mutex_);
-  return QString::fromStdString(tls_cert_file_);
+  return TlsText(&VarkelManager::tls_cert_file_);
 }
-
 void VarkelManager::setTlsCertFile(const QString& path) {
-  {
-    std::lock_guard<std::mutex> lock(fields_mutex_);
-    tls_cert_file_ = LocalPath(path);
-  }
-  emit tlsChanged();
+  SetTlsPath(&VarkelManager::tls_cert_file_, path);
 }
-
 QString VarkelManager::getTlsKeyFile() const {
-  std::lock_guard<std::mutex> lock(fields_mutex_);
-  return QString::fromStdString(tls_key_file_);
+  return TlsText(&VarkelManager::tls_key_file_);
 }
-
 void VarkelManager::setTlsKeyFile(const QString& path) {
-  {
-    std::lock_guard<std::mutex> lock(fields_mutex_);
-    tls_key_file_ = LocalPath(path);
-  }
-  emit tlsChanged();
+  SetTlsPath(&VarkelManager::tls_key_file_, path);
 }
 
 QString VarkelManager::getTlsIssuer() const {
-  std::lock_guard<std::mutex> lock(fields_mutex_);
-  return QString::fromStdString(tls_issuer_);
+  return TlsText(&VarkelManager::tls_issuer_);
 }

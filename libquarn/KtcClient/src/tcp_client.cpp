@@ -96,15 +96,8 @@ bool TcpClient::TryOpen(uint16_t local_port, const std::string& ip, uint16_t por
     net::Cleanup();
     return false;
   }
-  if (local_port != 0) {
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_ANY);
-    local.sin_port = htons(local_port);
-    if (::bind(socket_, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
-      LOG_ERROR("Failed to bind local port, system will auto assign one");
-    }
-  }
+  if (local_port != 0 && !net::BindLocalPort(socket_, local_port))
+    LOG_ERROR("Failed to bind local port, system will auto assign one");
   sockaddr_in addr{};
   if (!ParseIpv4(ip, port, addr)) {
     Close();

@@ -217,14 +217,8 @@ bool VerifiedTlsClient::Connect(uint16_t local_port, uint32_t timeout_ms) {
     Fail("cannot make a socket", false);
     return false;
   }
-  if (local_port != 0) {
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_ANY);
-    local.sin_port = htons(local_port);
-    if (::bind(socket_, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0)
-      LOG_ERROR("Failed to bind local port, system will auto assign one");
-  }
+  if (local_port != 0 && !net::BindLocalPort(socket_, local_port))
+    LOG_ERROR("Failed to bind local port, system will auto assign one");
   const std::string where = lidar_ip_ + ":" + std::to_string(lidar_port_);
   net::SetNonBlocking(socket_, true);
   if (::connect(socket_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {

@@ -23,6 +23,9 @@ int CloseSocket(socket_t s);
 // every later read and write fails. The descriptor stays the caller's to close.
 bool ShutdownBoth(socket_t s);
 bool SetNonBlocking(socket_t s, bool non_blocking);
+// Binds `s` to `local_port` on every local address; false when the port cannot be had
+// (the system then picks one at connect).
+bool BindLocalPort(socket_t s, uint16_t local_port);
 // One receive that returns at once (-1 with a would-block error when nothing is there),
 // whatever the socket's mode; leaves the mode alone.
 int ReceiveNoWait(socket_t s, uint8_t* buffer, size_t length);

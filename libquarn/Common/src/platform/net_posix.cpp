@@ -1,6 +1,8 @@
 #include "platform/net.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -55,6 +57,14 @@ bool SetNonBlocking(socket_t s, bool non_blocking) {
   if (flags < 0) return false;
   const int wanted = non_blocking ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
   return fcntl(s, F_SETFL, wanted) == 0;
+}
+
+bool BindLocalPort(socket_t s, uint16_t local_port) {
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = htonl(INADDR_ANY);
+  local.sin_port = htons(local_port);
+  return ::bind(s, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
 }
 
 int ReceiveNoWait(socket_t s, uint8_t* buffer, size_t length) {
