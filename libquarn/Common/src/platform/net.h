@@ -29,6 +29,9 @@ bool BindLocalPort(socket_t s, uint16_t local_port);
 // One receive that returns at once (-1 with a would-block error when nothing is there),
 // whatever the socket's mode; leaves the mode alone.
 int ReceiveNoWait(socket_t s, uint8_t* buffer, size_t length);
+// True when a receive now would wait: nothing buffered and the connection neither closed
+// nor failed. Takes nothing from the socket.
+bool NothingToRead(socket_t s);
 bool SetReceiveTimeoutMs(socket_t s, uint32_t ms);
 bool SetSendTimeoutMs(socket_t s, uint32_t ms);
 

@@ -71,6 +71,11 @@ int ReceiveNoWait(socket_t s, uint8_t* buffer, size_t length) {
   return static_cast<int>(::recv(s, buffer, length, MSG_DONTWAIT));
 }
 
+bool NothingToRead(socket_t s) {
+  uint8_t probe = 0;
+  return ::recv(s, &probe, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && IsWouldBlock(errno);
+}
+
 bool SetReceiveTimeoutMs(socket_t s, uint32_t ms) {
   return SetTimeout(s, SO_RCVTIMEO, ms);
 }
