@@ -80,6 +80,7 @@ std::string Detail(const std::string& command, const Json& f) {
   }
   if (command == "console") {
     const std::string payload = f.value("payload", "");
+    if (payload.empty()) return "reply without payload";
     return "payload " + (payload.size() > 47 ? payload.substr(0, 47) + " ..." : payload);
   }
   if (command == "restart") return "restarting";
