@@ -7,7 +7,6 @@
 
 #include <functional>
 #include <iostream>
-#include <set>
 
 #include "commands.h"
 
@@ -174,21 +173,10 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     return kExitBadInput;
   }
   const std::string command = app.get_subcommands().empty() ? "" : app.get_subcommands()[0]->get_name();
-  if (fleet.hosts.empty() && (fleet.force || fleet.include_addresses || !fleet.only.empty() || !fleet.except.empty())) {
-    err << "varkel-cli: --force (of backup), --include-addresses, --only and --except go with --hosts\n";
+  const std::string fleet_fault = FleetOptionsFault(fleet, command, app.count("--host") != 0);
+  if (!fleet_fault.empty()) {
+    err << "varkel-cli: " << fleet_fault << "\n";
     return kExitBadInput;
-  }
-  if (!fleet.hosts.empty()) {
-    static const std::set<std::string> kManyCommands{"info",    "get",     "set",     "backup", "diff",
-                                                     "restore", "console", "restart", "logs",   "upgrade"};
-    if (!kManyCommands.count(command)) {
-      err << "varkel-cli: " << command << " works on one sensor; --hosts does not go with it\n";
-      return kExitBadInput;
-    }
-    if (app.count("--host") != 0) {
-      err << "varkel-cli: --host and --hosts exclude each other\n";
-      return kExitBadInput;
-    }
   }
   try {
     if (!fleet.hosts.empty())

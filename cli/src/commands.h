@@ -57,6 +57,8 @@ struct FleetOptions {
   std::vector<std::string> except;
   bool force = false;  // backup: replace files that exist
 };
+// Why the many-sensor options do not go with `command` (or with --host), "" when they do.
+std::string FleetOptionsFault(const FleetOptions& fleet, const std::string& command, bool host_given);
 // `command` on every host: rows in list order, a summary, the worst status. `one` is the
 // single-sensor command; it gets a context aimed at one host and `id`, the sensor's serial
 // number (else its address) for names of files and folders.

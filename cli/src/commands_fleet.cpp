@@ -201,6 +201,18 @@ int Report(const Context& ctx, const std::vector<HostRow>& rows) {
   return worst;
 }
 
+std::string FleetOptionsFault(const FleetOptions& fleet, const std::string& command, bool host_given) {
+  if (fleet.hosts.empty())
+    return fleet.force || fleet.include_addresses || !fleet.only.empty() || !fleet.except.empty()
+               ? "--force (of backup), --include-addresses, --only and --except go with --hosts"
+               : "";
+  static const std::set<std::string> kManyCommands{"info",    "get",     "set",     "backup", "diff",
+                                                   "restore", "console", "restart", "logs",   "upgrade"};
+  if (!kManyCommands.count(command)) return command + " works on one sensor; --hosts does not go with it";
+  if (host_given) return "--host and --hosts exclude each other";
+  return "";
+}
+
 int RunOnHosts(const Context& ctx, const FleetOptions& fleet, const std::string& command,
                const std::function<int(const Context&, const std::string& id)>& one) {
   std::vector<HostRow> rows = Rows(ctx, fleet);
