@@ -43,37 +43,49 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   app.add_option("--cert", c.cert, "with --tls: client certificate (PEM)");
   app.add_option("--key", c.key, "with --tls: the client certificate's key (PEM)");
 
-  std::function<int()> action;
+  std::function<int(const Context&)> action;
+  // With --hosts: the command for many sensors, when it is more than `action` per host.
+  std::function<int()> many;
+  FleetOptions fleet;
+  app.add_option("--hosts", fleet.hosts,
+                 "many sensors: A.B.C.D[:PORT], ranges A.B.C.D-E.F.G.H, @FILE, comma-separated");
+  app.add_option("--jobs", fleet.jobs, "with --hosts: sensors worked on at once")
+      ->check(CLI::Range(1u, 256u))
+      ->capture_default_str();
 
   app.add_subcommand("models", "list the models whose tables are installed")->callback([&] {
-    action = [&] { return Models(ctx); };
+    action = [&](const Context& c) { return Models(c); };
   });
   app.add_subcommand("info", "serial number, part number and versions")->callback([&] {
-    action = [&] { return Info(ctx); };
+    action = [&](const Context& c) { return Info(c); };
   });
 
   std::vector<std::string> keys;
   auto* get = app.add_subcommand("get", "read every readable variable, or the ones named");
   get->add_option("variables", keys, "variable names or ids (\"7-1\")");
-  get->callback([&] { action = [&] { return Get(ctx, keys); }; });
+  get->callback([&] { action = [&](const Context& c) { return Get(c, keys); }; });
 
   std::vector<std::string> assignments;
   bool force = false;
   auto* set = app.add_subcommand("set", "write variables as the window's Save does, then read them back");
   set->add_option("assignments", assignments, "NAME=VALUE (name or id)")->required();
   set->add_flag("--force", force, "write values outside their range or options");
-  set->callback([&] { action = [&] { return Set(ctx, assignments, force); }; });
+  set->callback([&] { action = [&](const Context& c) { return Set(c, assignments, force); }; });
 
   std::string file;
   auto* backup = app.add_subcommand("backup", "save every readable variable to a file");
   backup->add_option("file", file, "backup file (JSON)")->required();
-  backup->callback([&] { action = [&] { return Backup(ctx, file); }; });
+  backup->add_flag("--force", fleet.force, "with --hosts: replace backup files that exist");
+  backup->callback([&] {
+    action = [&](const Context& c) { return Backup(c, file); };
+    many = [&] { return BackupMany(ctx, fleet, file); };
+  });
 
   bool all = false;
   auto* diff = app.add_subcommand("diff", "compare the sensor with a backup (exit status 1 when they differ)");
   diff->add_option("file", file, "backup file")->required();
   diff->add_flag("--all", all, "compare read-only variables too");
-  diff->callback([&] { action = [&] { return Diff(ctx, file, all); }; });
+  diff->callback([&] { action = [&](const Context& c) { return Diff(c, file, all); }; });
 
   RestoreOptions restore_options;
   auto* restore = app.add_subcommand("restore", "write the backup's values that differ, then read them back");
@@ -84,29 +96,42 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   restore->add_flag("--force", restore_options.force, "write values outside their range or options");
   restore->add_flag("--rollback", restore_options.rollback,
                     "when the restore stops, write back the values the sensor held before it");
-  restore->callback([&] { action = [&] { return Restore(ctx, file, restore_options); }; });
+  restore->add_flag("--include-addresses", fleet.include_addresses, "with --hosts: write IP and MAC variables too");
+  restore->add_option("--only", fleet.only, "with --hosts: only these variables (names or ids)")->delimiter(',');
+  restore->add_option("--except", fleet.except, "with --hosts: not these variables (names or ids)")->delimiter(',');
+  restore->callback([&] {
+    action = [&](const Context& c) { return Restore(c, file, restore_options); };
+    many = [&] { return RestoreMany(ctx, fleet, file, restore_options); };
+  });
 
   std::string cmd_text;
   std::vector<std::string> payload;
   auto* console = app.add_subcommand("console", "send one command as the window's console does");
   console->add_option("cmd", cmd_text, "command byte, hexadecimal (\"13\" or \"0x13\")")->required();
   console->add_option("payload", payload, "payload bytes, hexadecimal, one blank apart (\"0A 01\" or 0A 01)");
-  console->callback([&] { action = [&] { return Console(ctx, cmd_text, payload); }; });
+  console->callback([&] { action = [&](const Context& c) { return Console(c, cmd_text, payload); }; });
 
   app.add_subcommand("restart", "restart the sensor")->callback([&] {
-    action = [&] { return RestartOrReset(ctx, false, false); };
+    action = [&](const Context& c) { return RestartOrReset(c, false, false); };
   });
   bool yes = false;
   auto* reset = app.add_subcommand("reset", "return every setting to its factory value, then restart");
   reset->add_flag("--yes", yes, "agree to losing the sensor's configuration");
-  reset->callback([&] { action = [&] { return RestartOrReset(ctx, true, yes); }; });
+  reset->callback([&] { action = [&](const Context& c) { return RestartOrReset(c, true, yes); }; });
 
   std::string dir;
   bool operation = false;
   auto* logs = app.add_subcommand("logs", "download every log of the table into a folder");
   logs->add_option("dir", dir, "folder for the log files")->required();
   logs->add_flag("--operation", operation, "the operation log's four parts, as one tar archive");
-  logs->callback([&] { action = [&] { return Logs(ctx, dir, operation); }; });
+  logs->callback([&] {
+    action = [&](const Context& c) { return Logs(c, dir, operation); };
+    // A folder per sensor inside DIR.
+    many = [&] {
+      return RunOnHosts(ctx, fleet, "logs",
+                        [&](const Context& c, const std::string& id) { return Logs(c, dir + "/" + id, operation); });
+    };
+  });
 
   std::string upgrade_var;
   bool no_restart = false;
@@ -118,14 +143,20 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   upgrade->add_option("--wait", wait_s, "seconds between the transfer and the restart")
       ->check(CLI::Range(0u, 600u))
       ->capture_default_str();
-  upgrade->callback([&] { action = [&] { return Upgrade(ctx, file, upgrade_var, !no_restart, wait_s); }; });
+  upgrade->add_option("--max-failures", fleet.max_failures, "with --hosts: failed transfers after which none starts")
+      ->check(CLI::Range(1u, 100000u))
+      ->capture_default_str();
+  upgrade->callback([&] {
+    action = [&](const Context& c) { return Upgrade(c, file, upgrade_var, !no_restart, wait_s); };
+    many = [&] { return UpgradeMany(ctx, fleet, file, upgrade_var, !no_restart, wait_s); };
+  });
 
   std::string network, ports;
   auto* scan = app.add_subcommand(
       "scan", "which addresses answer KTC, and why the others do not (with --tls: inside a verified handshake)");
   scan->add_option("host", network, "HOST or HOST/PREFIX (/24 at most)")->required();
   scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
-  scan->callback([&] { action = [&] { return Scan(ctx, network, ports); }; });
+  scan->callback([&] { action = [&](const Context& c) { return Scan(c, network, ports); }; });
 
   try {
     app.parse(argc, argv);
@@ -141,8 +172,17 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     err << "varkel-cli: --ca, --cert and --key go with --tls\n";
     return kExitBadInput;
   }
+  const std::string command = app.get_subcommands().empty() ? "" : app.get_subcommands()[0]->get_name();
+  const std::string fleet_fault = FleetOptionsFault(fleet, command, app.count("--host") != 0);
+  if (!fleet_fault.empty()) {
+    err << "varkel-cli: " << fleet_fault << "\n";
+    return kExitBadInput;
+  }
   try {
-    return action ? action() : kExitBadInput;
+    if (!fleet.hosts.empty())
+      return many ? many()
+                  : RunOnHosts(ctx, fleet, command, [&](const Context& c, const std::string&) { return action(c); });
+    return action ? action(ctx) : kExitBadInput;
   } catch (const CliError& e) {
     err << "varkel-cli: " << e.what() << "\n";
     return e.status();

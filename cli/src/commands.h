@@ -2,6 +2,8 @@
 // The commands of varkel-cli. Each writes its result to `out` (a table or JSON), returns
 // its exit status, and throws CliError with the one line to show when it cannot do its job.
 
+#include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -16,6 +18,8 @@ struct Context {
   bool terminal = false;  // standard error is a terminal: progress as a bar
   std::ostream* out = nullptr;
   std::ostream* err = nullptr;
+  // When set, a transfer reports its pieces here instead of drawing its own bar.
+  std::function<void(uint32_t done, uint32_t total)> progress;
 };
 
 int Models(const Context& ctx);
@@ -42,6 +46,31 @@ int Logs(const Context& ctx, const std::string& dir, bool operation);
 int Upgrade(const Context& ctx, const std::string& file, const std::string& var_name, bool restart, unsigned wait_s);
 // Which addresses of HOST[/PREFIX] answer KTC on `ports` ("9347,9348"; empty: the connection's port).
 int Scan(const Context& ctx, const std::string& network, const std::string& ports);
+
+// Many sensors at once (--hosts), each worked on by the single-sensor command.
+struct FleetOptions {
+  std::string hosts;  // empty: the one sensor of --host
+  unsigned jobs = 8;
+  unsigned max_failures = 1;       // upgrade: after this many failed transfers none starts
+  bool include_addresses = false;  // restore: IP and MAC variables too
+  std::vector<std::string> only;   // restore: these variables alone (names or ids)
+  std::vector<std::string> except;
+  bool force = false;  // backup: replace files that exist
+};
+// Why the many-sensor options do not go with `command` (or with --host), "" when they do.
+std::string FleetOptionsFault(const FleetOptions& fleet, const std::string& command, bool host_given);
+// `command` on every host: rows in list order, a summary, the worst status. `one` is the
+// single-sensor command; it gets a context aimed at one host and `id`, the sensor's serial
+// number (else its address) for names of files and folders.
+int RunOnHosts(const Context& ctx, const FleetOptions& fleet, const std::string& command,
+               const std::function<int(const Context&, const std::string& id)>& one);
+// One file per sensor in `dir`: <serial number>.json, else <address>.json.
+int BackupMany(const Context& ctx, const FleetOptions& fleet, const std::string& dir);
+// The backup as a profile: IP and MAC variables left out unless asked for.
+int RestoreMany(const Context& ctx, const FleetOptions& fleet, const std::string& file, const RestoreOptions& options);
+// Every sensor checked and the plan shown, then the transfers.
+int UpgradeMany(const Context& ctx, const FleetOptions& fleet, const std::string& file, const std::string& var_name,
+                bool restart, unsigned wait_s);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);

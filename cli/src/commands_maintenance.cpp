@@ -347,13 +347,14 @@ int Upgrade(const Context& ctx, const std::string& file, const std::string& var_
     done.store(true);
   });
   Progress bar(*ctx.err, ctx.terminal, pieces);
+  const auto show = [&](uint32_t piece) { ctx.progress ? ctx.progress(piece, pieces) : bar.Show(piece); };
   while (!done.load()) {
-    bar.Show(progress.load());
+    show(progress.load());
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   transfer.join();
-  if (ret == 0) bar.Show(pieces);
-  bar.End();
+  if (ret == 0) show(pieces);
+  if (!ctx.progress) bar.End();
   if (!fault.empty()) throw CliError(kExitBadInput, var->var_name + ": command text '" + command_shown + "': " + fault);
   if (ret != 0)
     throw CliError(kExitSensor, "upgrade transfer failed at piece " + std::to_string(progress.load()) + " of " +

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sim_cli.h"
+#include "virtual_fleet.h"
 #include "virtual_lidar.h"
 
 namespace {
@@ -19,6 +20,44 @@ std::string ExecutablePath() {
   if (n <= 0) return std::string();
   buf[n] = '\0';
   return buf;
+}
+
+int Wait(sigset_t* signals) {
+  int sig = 0;
+  sigwait(signals, &sig);
+  std::printf("varkel-sim: stopping\n");
+  return 0;
+}
+
+int RunFleet(const varkel::sim::SimCommandLine& cl, sigset_t* signals) {
+  using namespace varkel::sim;
+  VirtualFleet fleet(cl.options, cl.fleet);
+  std::string error;
+  if (!fleet.Start(&error)) {
+    std::fprintf(stderr, "varkel-sim: %s\n", error.c_str());
+    return 1;
+  }
+  for (const auto& f : cl.failures) {
+    VirtualLidar* member = f.address.empty() ? nullptr : fleet.Find(f.address);
+    if (!f.address.empty() && !member) {
+      std::fprintf(stderr, "varkel-sim: --fail names %s, which is no member of the fleet\n", f.address.c_str());
+      return 2;
+    }
+    for (size_t i = 0; i < fleet.size(); ++i)
+      if (!member || &fleet.member(i) == member) fleet.member(i).SetFailure(f.mode, f.cmd, f.param);
+  }
+  std::printf("varkel-sim: model %s, KTC %d.0%s, %zu sensors on %s to %s, port %u\n", cl.options.model.c_str(),
+              cl.options.ktc_version, cl.options.tls ? " over TLS" : "", fleet.size(), fleet.address(0).c_str(),
+              fleet.address(fleet.size() - 1).c_str(), static_cast<unsigned>(fleet.port()));
+  for (const auto& f : cl.failures)
+    std::printf("varkel-sim: failure %s for %s on %s\n", FailureModeName(f.mode),
+                f.cmd < 0 ? "every command" : ("command " + std::to_string(f.cmd)).c_str(),
+                f.address.empty() ? "every member" : f.address.c_str());
+  std::printf("varkel-sim: running; Ctrl-C stops\n");
+  std::fflush(stdout);
+  Wait(signals);
+  fleet.Stop();
+  return 0;
 }
 
 }  // namespace
@@ -45,6 +84,8 @@ int main(int argc, char** argv) {
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+  if (cl.fleet > 0) return RunFleet(cl, &signals);
+
   VirtualLidar lidar(cl.options);
   for (const auto& f : cl.failures) lidar.SetFailure(f.mode, f.cmd, f.param);
   if (!lidar.Start(&error)) {
@@ -65,9 +106,7 @@ int main(int argc, char** argv) {
   std::printf("varkel-sim: running; Ctrl-C stops\n");
   std::fflush(stdout);
 
-  int sig = 0;
-  sigwait(&signals, &sig);
-  std::printf("varkel-sim: stopping\n");
+  Wait(&signals);
   lidar.Stop();
   return 0;
 }

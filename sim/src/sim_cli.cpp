@@ -49,10 +49,15 @@ std::string SimUsage() {
          "  --restart-delay MS    how long a restart or reset keeps the sensor off the network\n"
          "                        (default 3000)\n"
          "  --log-size BYTES      size of every log the sensor hands out (default 262144)\n"
-         "  --fail MODE[:CMD[:P]] misbehave for command CMD (all when left out) with parameter P;\n"
-         "                        may be repeated. MODE is one of: " +
+         "  --fail MODE[:CMD[:P]][@ADDR]\n"
+         "                        misbehave for command CMD (all when left out: delay::20) with\n"
+         "                        parameter P; with --fleet, @ADDR names the one member; may be\n"
+         "                        repeated.\n"
+         "                        MODE is one of: " +
          modes +
          "\n"
+         "  --fleet N             N sensors on --host and the addresses after it, one port, each\n"
+         "                        its own serial number (loopback 127.0.0.0/8 only)\n"
          "  --tls                 serve KTC over TLS (needs --cert and --key)\n"
          "  --cert FILE           the sensor's certificate (PEM), with its chain\n"
          "  --key FILE            the certificate's private key (PEM)\n"
@@ -134,8 +139,13 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
       out->options.log_size = static_cast<uint32_t>(v);
     } else if (a == "--fail") {
       if (!need(i, a)) return false;
-      const std::string fail_arg = args[++i];
+      std::string fail_arg = args[++i];
       FailureRequest f;
+      const size_t at = fail_arg.find('@');
+      if (at != std::string::npos) {
+        f.address = fail_arg.substr(at + 1);
+        fail_arg.resize(at);
+      }
       const size_t c1 = fail_arg.find(':');
       const auto mode = FailureModeFromName(fail_arg.substr(0, c1));
       if (!mode) {
@@ -145,11 +155,13 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
       f.mode = *mode;
       if (c1 != std::string::npos) {
         const size_t c2 = fail_arg.find(':', c1 + 1);
-        if (!ParseInt(fail_arg.substr(c1 + 1, c2 == std::string::npos ? std::string::npos : c2 - c1 - 1), 0, 255, &v)) {
+        const std::string cmd = fail_arg.substr(c1 + 1, c2 == std::string::npos ? std::string::npos : c2 - c1 - 1);
+        // "delay::20": every command, with a parameter.
+        if (!(cmd.empty() && c2 != std::string::npos) && !ParseInt(cmd, 0, 255, &v)) {
           *error = "bad command in --fail " + fail_arg + " (a number from 0 to 255, such as 0x1A)";
           return false;
         }
-        f.cmd = static_cast<int>(v);
+        f.cmd = cmd.empty() ? -1 : static_cast<int>(v);
         if (c2 != std::string::npos) {
           if (!ParseInt(fail_arg.substr(c2 + 1), -1000000, 1000000, &v)) {
             *error = "bad parameter in --fail " + fail_arg;
@@ -159,6 +171,13 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
         }
       }
       out->failures.push_back(f);
+    } else if (a == "--fleet") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 1, 1024, &v)) {
+        *error = "--fleet wants a number of sensors from 1 to 1024, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->fleet = static_cast<size_t>(v);
     } else if (a == "--tls") {
       out->options.tls = true;
     } else if (a == "--cert" || a == "--key" || a == "--client-ca") {
@@ -183,6 +202,15 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
     *error = "--cert, --key and --client-ca go with --tls";
     return false;
   }
+  if (out->fleet > 0 && o.serial) {
+    *error = "--serial goes with one sensor, not with --fleet";
+    return false;
+  }
+  for (const FailureRequest& f : out->failures)
+    if (!f.address.empty() && out->fleet == 0) {
+      *error = "--fail ...@ADDR names a member of --fleet";
+      return false;
+    }
   if (!out->options.udp_target.empty() && out->options.udp_rate == 0) out->options.udp_rate = 10;
   return true;
 }

@@ -12,11 +12,13 @@ struct FailureRequest {
   FailureMode mode = FailureMode::kNone;
   int cmd = -1;
   int param = 0;
+  std::string address;  // with --fleet: the one member that misbehaves ("" = every member)
 };
 
 struct SimCommandLine {
   SimOptions options;
   std::vector<FailureRequest> failures;
+  size_t fleet = 0;  // members of a fleet on consecutive loopback addresses; 0 = one sensor
   bool help = false;
 };
 

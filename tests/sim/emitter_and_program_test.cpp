@@ -86,6 +86,16 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   EXPECT_EQ(std::make_tuple(cl.failures[0].mode, cl.failures[0].cmd, cl.failures[0].param),
             std::make_tuple(FailureMode::kDelay, 7, 500));
   EXPECT_EQ(std::make_tuple(cl.failures[1].mode, cl.failures[1].cmd), std::make_tuple(FailureMode::kNoReply, -1));
+  varkel::sim::SimCommandLine fleet;
+  ASSERT_TRUE(ParseSimCommandLine(
+      {"--fleet", "16", "--host", "127.0.0.2", "--fail", "refuse-piece:0x50:1@127.0.0.5", "--fail", "delay::20"},
+      &fleet, &error))
+      << error;
+  ASSERT_EQ(fleet.failures.size(), 2u);
+  EXPECT_EQ(std::make_tuple(fleet.fleet, fleet.failures[0].mode, fleet.failures[0].cmd, fleet.failures[0].address),
+            std::make_tuple(size_t{16}, FailureMode::kRefusePiece, 0x50, std::string("127.0.0.5")));
+  EXPECT_EQ(std::make_tuple(fleet.failures[1].cmd, fleet.failures[1].param, fleet.failures[1].address),
+            std::make_tuple(-1, 20, std::string()));
   varkel::sim::SimCommandLine tls;
   ASSERT_TRUE(
       ParseSimCommandLine({"--tls", "--cert", "s.pem", "--key", "s.key", "--client-ca", "ca.pem"}, &tls, &error));
@@ -97,6 +107,7 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
       {"--ktc-version", "3"},
       {"--fail", "explode"},
       {"--fail", "delay:0x100"},
+      {"--fail", "delay:"},
       {"--model"},
       {"--frobnicate"},
       {"--rate", "0"},
@@ -105,6 +116,9 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
       {"--log-size", "1k"},
       {"--tls", "--cert", "s.pem"},
       {"--cert", "s.pem", "--key", "s.key"},
+      {"--fleet", "0"},
+      {"--fleet", "2", "--serial"},
+      {"--fail", "no-reply@127.0.0.5"},
   };
   for (const auto& bad : bad_lines) {
     varkel::sim::SimCommandLine c;
@@ -172,6 +186,19 @@ TEST(SimProgram, HelpErrorsAndACleanCtrlC) {
   EXPECT_EQ(RunProgram(args, true, &ok), 0) << ok;
   EXPECT_NE(ok.find("serial commands (UART) on /dev/pts/"), std::string::npos) << ok;
   EXPECT_NE(ok.find("stopping"), std::string::npos);
+
+  std::string outside, fleet;
+  const std::vector<std::string> fleet_args{"--model", "SimTest", "--config-dir", simtest::kTestDataDir,
+                                            "--port",  "0",       "--fleet",      "3"};
+  auto with = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), fleet_args.begin(), fleet_args.end());
+    return more;
+  };
+  EXPECT_EQ(RunProgram(with({"--host", "10.0.0.1"}), false, &outside), 1);
+  EXPECT_NE(outside.find("a fleet lives on loopback only"), std::string::npos) << outside;
+  EXPECT_EQ(RunProgram(with({"--host", "127.0.0.2", "--fail", "no-reply@127.0.0.3"}), true, &fleet), 0) << fleet;
+  EXPECT_NE(fleet.find("3 sensors on 127.0.0.2 to 127.0.0.4"), std::string::npos) << fleet;
+  EXPECT_NE(fleet.find("failure no-reply for every command on 127.0.0.3"), std::string::npos) << fleet;
 }
 
 }  // namespace
