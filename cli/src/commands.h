@@ -2,11 +2,16 @@
 // The commands of varkel-cli. Each writes its result to `out` (a table or JSON), returns
 // its exit status, and throws CliError with the one line to show when it cannot do its job.
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "cli_session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace varkel::cli {
 
@@ -42,6 +47,17 @@ int Logs(const Context& ctx, const std::string& dir, bool operation);
 int Upgrade(const Context& ctx, const std::string& file, const std::string& var_name, bool restart, unsigned wait_s);
 // Which addresses of HOST[/PREFIX] answer KTC on `ports` ("9347,9348"; empty: the connection's port).
 int Scan(const Context& ctx, const std::string& network, const std::string& ports);
+
+struct StreamOptions {
+  int data_port = -1;  // -1: the sensor's, else the window's setting
+  double seconds = 5;
+  std::string pcap;
+  uint64_t max_size = 0;  // of the recording; 0: no bound
+  bool host_given = false;
+};
+// Listens on the data port; 0 when datagrams arrived, 3 when none did.
+int Stream(const Context& ctx, const StreamOptions& options);
+void AddStreamCommand(CLI::App& app, Context& ctx, std::function<int()>& action);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
