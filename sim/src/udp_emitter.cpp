@@ -164,7 +164,8 @@ void UdpEmitter::Run() {
     bool on_wire = true;
     {
       std::unique_lock<std::mutex> lock(mu_);
-      if (cv_.wait_until(lock, next, [this] { return stop_; })) return;
+      // Behind schedule (high rates): no wait at all, only the stop check.
+      if (next <= clock::now() ? stop_ : cv_.wait_until(lock, next, [this] { return stop_; })) return;
       to.sin_addr.s_addr = addr_;
       to.sin_port = htons(port_);
       on_wire = on_wire_;
