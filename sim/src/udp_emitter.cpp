@@ -104,11 +104,6 @@ bool UdpEmitter::Start(const std::string& target, int rate, size_t size, std::st
   return true;
 }
 
-UdpEmitter::Target UdpEmitter::target() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return Target{addr_, port_};
-}
-
 void UdpEmitter::Retarget(const Target& t) {
   {
     std::lock_guard<std::mutex> lock(mu_);

@@ -41,7 +41,6 @@ class UdpEmitter {
   // Datagrams sent, those that went to another host (never on the wire) included.
   uint64_t sent() const { return sent_.load(); }
   uint64_t withheld() const { return withheld_.load(); }
-  Target target() const;
 
  private:
   void Run();
@@ -61,8 +60,8 @@ class UdpEmitter {
   std::atomic<uint64_t> withheld_{0};
   std::thread thread_;
   // Keeps apart the emitter thread's paced wait and Stop from the embedding thread.
-  // Also guards the target (addr_, port_, on_wire_), which target() reads.
-  mutable std::mutex mu_;
+  // Also guards the target (addr_, port_, on_wire_), which Retarget changes.
+  std::mutex mu_;
   std::condition_variable cv_;
   bool stop_ = false;
 };
