@@ -122,17 +122,35 @@ Item {
         }
     }
 
-    MessageWindow {
+    // Made only while asking: its controls then never stand beside those of the window's
+    // own question.
+    Loader {
         id: confirm
-        objectName: "streamSendHereConfirm"
-        onConfirmed: page.model.SendDataHere()
+        active: false
+        sourceComponent: MessageWindow {
+            objectName: "streamSendHereConfirm"
+            onConfirmed: page.model.SendDataHere()
+            onClosed: Qt.callLater(function () { confirm.active = false; })
+        }
+        function ask(message, button) {
+            active = true;
+            item.ask(message, button);
+        }
     }
 
-    DocumentsFileDialog {
+    // Made on first use, as the window's other file dialogs are.
+    Loader {
         id: recordDialog
-        title: "Record the data stream"
-        selectExisting: false
-        nameFilters: ["Capture files (*.pcap)"]
-        onAccepted: page.model.StartRecording(fileUrl)
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            title: "Record the data stream"
+            selectExisting: false
+            nameFilters: ["Capture files (*.pcap)", "All files (*)"]
+            onAccepted: page.model.StartRecording(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
     }
 }
