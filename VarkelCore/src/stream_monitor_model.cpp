@@ -111,9 +111,8 @@ void StreamMonitorModel::Refresh() {
     if (!changes.isEmpty()) question_ = "Change the sensor's " + changes.join(" and ") + "?";
     recording_ = !f.recording_file.empty() && f.recording_stopped.empty();
     if (!f.recording_file.empty())
-      recording_text_ =
-          QString::fromStdString(f.recording_file) + ": " + QString::number(f.recorded) + " datagrams" +
-          (f.recording_stopped.empty() ? QString() : ", stopped: " + QString::fromStdString(f.recording_stopped));
+      recording_text_ = QString::fromStdString(f.recording_file) + ": " + QString::number(f.recorded) + " datagrams" +
+                        (f.recording_stopped.empty() ? QString() : ", " + QString::fromStdString(f.recording_stopped));
   }
   emit changed();
 }

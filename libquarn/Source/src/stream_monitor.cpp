@@ -144,7 +144,7 @@ void StreamMonitor::StopRecording() {
   {
     std::lock_guard<std::mutex> lock(mu_);
     done = std::move(recorder_);
-    if (done && recording_stopped_.empty()) recording_stopped_ = "stopped";
+    if (done && recording_stopped_.empty()) recording_stopped_ = "ended";
   }
   if (done) done->Flush();
 }
