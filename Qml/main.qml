@@ -349,7 +349,7 @@ Rectangle {
                 objectName: "pageTabs"
                 anchors.fill: parent
                 visible: root.connectType === 0
-                titles: root.pageTitles.concat(["Log", "Send Command"])
+                titles: root.pageTitles.concat(["Log", "Send Command", "Data Stream"])
                 onCurrentIndexChanged: root.showPage(currentIndex)
 
                 Repeater {
@@ -389,6 +389,11 @@ Rectangle {
 
                 CommandPage {
                     manager: varkel_manager
+                }
+
+                DataStreamPage {
+                    model: varkel_manager.streamMonitor
+                    connected: root.connected
                 }
             }
         }

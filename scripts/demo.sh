@@ -3,12 +3,15 @@
 # Varkel already pointed at it. Varkel's settings live in a throw-away home for the run,
 # so a demo never rewrites the user's own. The virtual lidar stops when the window closes.
 #   scripts/demo.sh [varkel arguments...]
-# Environment: VARKEL_BUILD_DIR (default build), VARKEL_DEMO_MODEL (default Quenta).
+# Environment: VARKEL_BUILD_DIR (default build), VARKEL_DEMO_MODEL (default Quenta),
+# VARKEL_DEMO_DATA_PORT (default 2368): the UDP port of the virtual lidar's point-data
+# stream to this machine, which the Data Stream page watches.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=${VARKEL_BUILD_DIR:-build}
 model=${VARKEL_DEMO_MODEL:-Quenta}
+data_port=${VARKEL_DEMO_DATA_PORT:-2368}
 
 bash scripts/install-deps.sh
 cmake -S . -B "$build" -DVARKEL_SANITIZE=none >/dev/null
@@ -28,7 +31,7 @@ trap cleanup EXIT
 
 # Port 0: the virtual lidar picks a free port and prints it. "Zelto" is the serial sensor:
 # it answers on two pseudo-terminals, whose paths it prints too.
-sim_args=(--model "$model" --host 127.0.0.1 --port 0)
+sim_args=(--model "$model" --host 127.0.0.1 --port 0 --udp "127.0.0.1:$data_port")
 [ "$model" = Zelto ] && sim_args+=(--serial)
 "$build/bin/varkel-sim" "${sim_args[@]}" >"$sim_log" 2>&1 &
 sim_pid=$!
@@ -65,6 +68,7 @@ cat >"$settings_dir/RecvSettings.ini" <<INI
 [General]
 device_ip_address=127.0.0.1
 ktc_port=$port
+udp_port=$data_port
 rs485_com=${rs485:-/dev/ttyUSB0}
 rs232_com=${uart:-/dev/ttyUSB1}
 INI

@@ -10,7 +10,7 @@ PACKAGES=(
   qml-module-qtquick-layouts qml-module-qtquick-dialogs qml-module-qtquick-window2
   qml-module-qtqml-models2 qml-module-qttest qml-module-qt3d
   libssl-dev openssl
-  libcsv-dev libspdlog-dev libfmt-dev libserialport-dev
+  libcsv-dev libspdlog-dev libfmt-dev libserialport-dev libpcap-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   clang clang-format clang-tidy libclang-rt-14-dev

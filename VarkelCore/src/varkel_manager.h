@@ -24,12 +24,14 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 class QFile;
 class QProcess;
+class StreamMonitorModel;
 struct VarInfo;
 
 namespace quarn::lidar {
@@ -81,6 +83,8 @@ class VarkelManager : public QObject {
   Q_PROPERTY(QVariantList ZeltoLidarVersionInfo READ getZeltoLidarVersionInfo NOTIFY zeltoLidarInfoChanged)
   Q_PROPERTY(bool isGetPBLVersion READ getIsGetPBLVersion NOTIFY isGetPBLVersionChanged)
   Q_PROPERTY(QVariantList logRepeaterModel READ getLogRepeaterModel NOTIFY lidarModelChanged)
+  // The Data Stream page's figures and diagnosis (stream_monitor_model.h).
+  Q_PROPERTY(QObject* streamMonitor READ getStreamMonitor CONSTANT)
 
  public:
   // Created on the first call, once per process; later calls return the same object and
@@ -146,6 +150,14 @@ class VarkelManager : public QObject {
   QVariantList getZeltoLidarVersionInfo() const;
   bool getIsGetPBLVersion() const { return is_get_pbl_version_.load(); }
   QVariantList getLogRepeaterModel() const;
+  QObject* getStreamMonitor();
+
+  // For the data-stream page (varkel_manager_stream.cpp). A variable's value read from the
+  // sensor now, by name; nullopt when not connected, not in the table or not answered.
+  std::optional<std::string> ReadNamedValue(const std::string& name);
+  // Writes name=value pairs as the Save of their page does, then reads them back; "" when
+  // the sensor holds them all, else the reason.
+  std::string WriteNamedValues(const std::vector<std::pair<std::string, std::string>>& values);
 
   // Invokables, in the order the meta-object keeps them.
   Q_INVOKABLE void InitConfigFileParser(QString model_name = "Quenta");
@@ -409,6 +421,7 @@ class VarkelManager : public QObject {
   // Drops the user's edits; a model change and a disconnect both do.
   void ClearPendingWrites();
 
+  StreamMonitorModel* stream_monitor_ = nullptr;
   // Page (module) last announced by the UI.
   std::atomic<int> module_index_use_{0};
   std::atomic<bool> page_timer_flag_{false};

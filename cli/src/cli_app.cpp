@@ -158,6 +158,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
   scan->callback([&] { action = [&](const Context& c) { return Scan(c, network, ports); }; });
 
+  AddStreamCommand(app, action);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -10,6 +10,10 @@
 
 #include "cli_session.h"
 
+namespace CLI {
+class App;
+}
+
 namespace varkel::cli {
 
 struct Context {
@@ -71,6 +75,16 @@ int RestoreMany(const Context& ctx, const FleetOptions& fleet, const std::string
 // Every sensor checked and the plan shown, then the transfers.
 int UpgradeMany(const Context& ctx, const FleetOptions& fleet, const std::string& file, const std::string& var_name,
                 bool restart, unsigned wait_s);
+struct StreamOptions {
+  int data_port = -1;  // -1: the sensor's, else the window's setting
+  double seconds = 5;
+  std::string pcap;
+  uint64_t max_size = 0;  // of the recording; 0: no bound
+  bool host_given = false;
+};
+// Listens on the data port; 0 when datagrams arrived, 3 when none did.
+int Stream(const Context& ctx, const StreamOptions& options);
+void AddStreamCommand(CLI::App& app, std::function<int(const Context&)>& action);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);

@@ -99,7 +99,8 @@ int main(int argc, char** argv) {
     std::printf("varkel-sim: serial data (RS485) on %s\n", lidar.data_port_path().c_str());
   }
   if (!cl.options.udp_target.empty())
-    std::printf("varkel-sim: %d datagrams/s to %s\n", cl.options.udp_rate, cl.options.udp_target.c_str());
+    std::printf("varkel-sim: %d datagrams/s to %s (then wherever its destination registers say)\n", cl.options.udp_rate,
+                cl.options.udp_target.c_str());
   for (const auto& f : cl.failures)
     std::printf("varkel-sim: failure %s for %s\n", FailureModeName(f.mode),
                 f.cmd < 0 ? "every command" : ("command " + std::to_string(f.cmd)).c_str());

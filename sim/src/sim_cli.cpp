@@ -44,7 +44,9 @@ std::string SimUsage() {
          "  --serial              also open two pseudo-terminals for the serial command protocol\n"
          "                        (commands and data) and print their paths\n"
          "  --udp HOST:PORT       send point-cloud-like datagrams there (multicast for 224.x-239.x)\n"
-         "  --rate N              datagrams per second (default 10)\n"
+         "  --rate N              datagrams per second, up to 100000 (default 10); the sensor's\n"
+         "                        \"Destination IP\" and \"Data Port\" registers move the stream\n"
+         "  --udp-size BYTES      bytes per datagram, 64 to 1472 (default: one 516-byte packet)\n"
          "  --serial-stream N     with --serial: N point-cloud packets per second on the data line\n"
          "  --restart-delay MS    how long a restart or reset keeps the sensor off the network\n"
          "                        (default 3000)\n"
@@ -115,6 +117,13 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
         return false;
       }
       out->options.udp_rate = static_cast<int>(v);
+    } else if (a == "--udp-size") {
+      if (!need(i, a)) return false;
+      if (!ParseInt(args[++i], 64, 1472, &v)) {
+        *error = "--udp-size wants a number of bytes from 64 to 1472, got \"" + args[i] + "\"";
+        return false;
+      }
+      out->options.udp_size = static_cast<size_t>(v);
     } else if (a == "--serial-stream") {
       if (!need(i, a)) return false;
       if (!ParseInt(args[++i], 0, 10000, &v)) {

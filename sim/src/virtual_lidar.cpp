@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -98,7 +99,29 @@ bool VirtualLidar::Start(std::string* error) {
   if (!opt_.udp_target.empty()) {
     udp_ = std::make_unique<UdpEmitter>(*path_);
     std::string why;
-    if (!udp_->Start(opt_.udp_target, opt_.udp_rate > 0 ? opt_.udp_rate : kDefaultUdpRate, &why)) {
+    // A sensor sends where its destination registers say; --udp gives their first values.
+    uint32_t addr = 0;
+    uint16_t udp_port = 0;
+    if (ParseHostPort(opt_.udp_target, &addr, &udp_port, nullptr)) {
+      in_addr a{};
+      a.s_addr = addr;
+      bank_->SetValue(kDestinationIpRegister, inet_ntoa(a));
+      bank_->SetValue(kDataPortRegister, std::to_string(udp_port));
+    }
+    auto registers = [this]() -> std::optional<UdpEmitter::Target> {
+      const auto ip = bank_->Value(kDestinationIpRegister);
+      const auto port_text = bank_->Value(kDataPortRegister);
+      UdpEmitter::Target t;
+      in_addr a{};
+      if (!ip || !port_text || inet_pton(AF_INET, ip->c_str(), &a) != 1) return std::nullopt;
+      const long p = std::strtol(port_text->c_str(), nullptr, 10);
+      if (p < 1 || p > 65535) return std::nullopt;
+      t.addr = a.s_addr;
+      t.port = static_cast<uint16_t>(p);
+      return t;
+    };
+    if (!udp_->Start(opt_.udp_target, opt_.udp_rate > 0 ? opt_.udp_rate : kDefaultUdpRate, opt_.udp_size, &why,
+                     registers)) {
       if (error) *error = "UDP emitter: " + why;
       Stop();
       return false;

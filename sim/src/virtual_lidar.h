@@ -38,6 +38,7 @@ struct SimOptions {
   bool serial = false;
   std::string udp_target;  // HOST:PORT, empty = off
   int udp_rate = 0;        // datagrams per second; 0 with a target = 10
+  size_t udp_size = 0;     // bytes per datagram, 64 to 1472; 0 = one whole point packet
   bool verbose = false;
   // Point-cloud packets per second on the serial data line (0 = none). They share the
   // line with the command replies, so a program reading replies must expect them.
@@ -132,7 +133,9 @@ class VirtualLidar {
 
   SmallSensorState SmallSensor() const;
   void SetSmallSensor(const SmallSensorState& state);
+  // Datagrams sent, and of them those whose destination is another host (never on the wire).
   uint64_t DatagramsSent() const;
+  uint64_t DatagramsWithheld() const;
 
   // Restart and reset (the set commands of the table's "Restart" and "Reset" variables):
   // restarts begun and resets done since Start. A reset counts as a restart too.

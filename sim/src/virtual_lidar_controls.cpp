@@ -171,4 +171,8 @@ uint64_t VirtualLidar::DatagramsSent() const {
   return udp_ ? udp_->sent() : 0;
 }
 
+uint64_t VirtualLidar::DatagramsWithheld() const {
+  return udp_ ? udp_->withheld() : 0;
+}
+
 }  // namespace varkel::sim

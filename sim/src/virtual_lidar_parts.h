@@ -19,6 +19,9 @@ namespace lidar_parts {
 
 inline constexpr int kPollMs = 100;
 inline constexpr int kDefaultUdpRate = 10;
+// The registers a sensor's data stream follows.
+inline constexpr const char* kDestinationIpRegister = "Destination IP";
+inline constexpr const char* kDataPortRegister = "Data Port";
 // The small serial sensors' KTC side: 0xFF with 00 01 39 + rate sets the baud rate,
 // 0xFF with 00 01 asks for it.
 inline constexpr uint8_t kBaudPrefix[] = {0x00, 0x01, 0x39};

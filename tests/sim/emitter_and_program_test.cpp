@@ -69,6 +69,61 @@ TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
 INSTANTIATE_TEST_SUITE_P(Targets, SimUdpEmitter, ::testing::Values("127.0.0.1", "239.255.42.99"),
                          [](const auto& info) { return info.index ? "Multicast" : "Unicast"; });
 
+// A loopback UDP socket at a port the system picks.
+int BoundLoopbackSocket(uint16_t* port) {
+  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(a);
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) return -1;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  *port = ntohs(a.sin_port);
+  return fd;
+}
+
+// Reads until a datagram of `size` bytes comes (stale ones of the old target are dropped).
+bool ReceivesSize(int fd, size_t size) {
+  std::vector<uint8_t> buf(2048);
+  for (pollfd p{fd, POLLIN, 0}; ::poll(&p, 1, 10000) > 0;) {
+    if (static_cast<size_t>(::recv(fd, buf.data(), buf.size(), 0)) == size) return true;
+  }
+  return false;
+}
+
+TEST(SimUdpEmitterTarget, FollowsTheDestinationRegistersAndKeepsOtherHostsOffTheWire) {
+  uint16_t first_port = 0, second_port = 0;
+  const int first = BoundLoopbackSocket(&first_port);
+  const int second = BoundLoopbackSocket(&second_port);
+  ASSERT_GE(first, 0);
+  ASSERT_GE(second, 0);
+  auto o = simtest::Options("Quenta", simtest::kShippedTableDir);
+  o.udp_target = "127.0.0.1:" + std::to_string(first_port);
+  o.udp_rate = 200;
+  o.udp_size = 64;
+  auto sim = simtest::StartSim(o);
+  // --udp gave the registers their first values.
+  EXPECT_EQ(sim->Value("Destination IP"), "127.0.0.1");
+  EXPECT_EQ(sim->Value("Data Port"), std::to_string(first_port));
+  EXPECT_TRUE(ReceivesSize(first, 64));
+
+  ASSERT_TRUE(sim->SetValue("Data Port", std::to_string(second_port)));
+  EXPECT_TRUE(ReceivesSize(second, 64));
+
+  // Another host: counted as sent, nothing reaches this machine.
+  ASSERT_TRUE(sim->SetValue("Destination IP", "192.0.2.7"));
+  const uint64_t before = sim->DatagramsWithheld();
+  ASSERT_TRUE(simtest::WaitUntil([&] { return sim->DatagramsWithheld() > before + 2; }));
+  std::vector<uint8_t> buf(2048);
+  while (::recv(second, buf.data(), buf.size(), MSG_DONTWAIT) > 0) {
+  }
+  const uint64_t sent = sim->DatagramsSent();
+  ASSERT_TRUE(simtest::WaitUntil([&] { return sim->DatagramsSent() > sent + 2; }));
+  EXPECT_LT(::recv(second, buf.data(), buf.size(), MSG_DONTWAIT), 0);
+  ::close(first);
+  ::close(second);
+}
+
 TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   using varkel::sim::ParseSimCommandLine;
   varkel::sim::SimCommandLine cl;
@@ -105,6 +160,8 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   const std::vector<std::vector<std::string>> bad_lines = {
       {"--port", "70000"},
       {"--ktc-version", "3"},
+      {"--udp-size", "63"},
+      {"--udp-size", "1473"},
       {"--fail", "explode"},
       {"--fail", "delay:0x100"},
       {"--fail", "delay:"},

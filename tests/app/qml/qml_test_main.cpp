@@ -14,6 +14,11 @@
 #include <QTemporaryDir>
 #include <QtQuickTest>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -90,6 +95,17 @@ class Harness : public QObject {
     return sim_->SetValue(name.toStdString(), text.toStdString());
   }
   Q_INVOKABLE void setLinkLost(bool lost) { sim_->SetLinkLost(lost); }
+  // A UDP port nobody holds now (bound once, then released).
+  Q_INVOKABLE int freeUdpPort() const {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    socklen_t len = sizeof(a);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    ::close(fd);
+    return ntohs(a.sin_port);
+  }
   // A second virtual lidar of the same model serving TLS with the run-time certificate
   // `cert` ("sensor", "self", ...); its port, 0 when it did not start.
   Q_INVOKABLE int startTlsSim(const QString& cert) {

@@ -105,12 +105,12 @@ Item {
             var tabs = child("pageTabs");
             var combo = child("modelCombo");
             var quentaPages = vm.level1List;
-            compare(tabs.titles, quentaPages.concat(["Log", "Send Command"]));
+            compare(tabs.titles, quentaPages.concat(["Log", "Send Command", "Data Stream"]));
 
             combo.currentIndex = combo.find("Quenta-Lite");
             combo.activated(combo.currentIndex);
             verify(JSON.stringify(vm.level1List) !== JSON.stringify(quentaPages), "the table did not change");
-            compare(tabs.titles, vm.level1List.concat(["Log", "Send Command"]));
+            compare(tabs.titles, vm.level1List.concat(["Log", "Send Command", "Data Stream"]));
             compare(tabs.currentIndex, 0);
             verify(logLines().indexOf("INFO Current selected model is Quenta-Lite") >= 0);
 
@@ -339,6 +339,27 @@ Item {
              ["odd", "DEBUG"], ["", "ERROR"]].forEach(c => ui.printLog(c[0], c[1]));
             compare(logLines().slice(before),
                     ["INFO plain", "ERROR bad", "WARNING careful", "BYTES 47 74", "BYTES 0a 0b", "INFO odd"]);
+        }
+
+        function test_data_stream_names_a_destination_elsewhere_and_sends_data_here() {
+            harness.setSimValue("Data Port", String(harness.freeUdpPort()));
+            harness.setSimValue("Destination IP", "192.0.2.7");
+            connectNow();
+            var tabs = child("pageTabs");
+            tabs.currentIndex = tabs.titles.indexOf("Data Stream");
+            var send = child("streamSendHereButton");
+            // Nothing arrives for the quiet period (3 s), then the cause and the remedy.
+            tryVerify(() => send.visible, 10000, "no Send data here offered");
+            mouseClick(send);
+            var ask = child("streamSendHereConfirm");
+            verify(ask.visible);
+            compare(ask.message, "Change the sensor's Destination IP from 192.0.2.7 to 127.0.0.1?");
+            mouseClick(findChild(ask.contentItem, "messageConfirmButton"));
+            compare(harness.simValue("Destination IP"), "127.0.0.1");
+            tabs.currentIndex = 0;  // the page stops listening when hidden
+            verify(!vm.streamMonitor.listening);
+            harness.setSimValue("Destination IP", "192.168.1.100");
+            harness.setSimValue("Data Port", "2368");
         }
 
         function test_byte_flow_switch_reaches_the_controller() {
