@@ -81,7 +81,8 @@ while IFS= read -r line || [ -n "$line" ]; do
   origs+=("${f[1]}")
   repls+=("${f[2]}")
   regexes+=("${f[3]}")
-  descs+=("${comment:-'${f[1]}' -> '${f[2]}'}")
+  change="'${f[1]}' -> '${f[2]}'"
+  descs+=("${comment:-$change}")
   linenos+=("$n")
   comment=""
 done <"$list"
@@ -130,7 +131,7 @@ for i in "${!files[@]}"; do
     bad=$((bad + 1))
     continue
   fi
-  linenos[$i]="${linenos[$i]} $at"
+  linenos[i]="${linenos[$i]} $at"
   valid+=("$i")
 done
 
@@ -207,7 +208,7 @@ for i in "${valid[@]}"; do
   log=$area/fault-$((i + 1)).log
   # shellcheck disable=SC2086  # one word per target
   if ! nice -n 10 cmake --build "$build" -j"$jobs" --target $targets >"$log" 2>&1; then
-    verdict=build-failed
+    verdict="build-failed"
     failed=$((failed + 1))
     survivors+=("$list:$listline (does not build, see $log)")
   elif nice -n 10 ctest --test-dir "$build" -R "${regexes[$i]}" -j"$jobs" --timeout "$timeout" --stop-on-failure \
