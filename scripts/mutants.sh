@@ -215,6 +215,15 @@ if [ -n "${all_targets// /}" ] &&
   echo "mutants: the unchanged tree does not build, see $area/build.log" >&2
   exit 2
 fi
+# A test that fails without a fault would count every fault as caught.
+union=""
+for i in "${valid[@]}"; do union+="${union:+|}(${regexes[$i]})"; done
+echo "running the named tests on the unchanged tree ..."
+if ! nice -n 10 ctest --test-dir "$build" -R "$union" -j"$jobs" --timeout "$timeout" >"$area/baseline.log" 2>&1; then
+  echo "mutants: the named tests fail without any fault, see $area/baseline.log" >&2
+  exit 2
+fi
+echo "they pass ($(($(date +%s) - start)) s so far)"
 
 planted=""
 undo() {
