@@ -14,8 +14,10 @@
 #   file (repo-relative)  original text (exactly once in the file)  replacement  ctest regex
 # A line starting with '#' is a comment; the comment right above a fault describes it.
 #
-# The scratch tree and its build live in build-mutants/ (VARKEL_MUTANTS_DIR to move it).
-# The first run builds the whole tree once; later runs rebuild incrementally.
+# The scratch tree (a worktree of HEAD: commit what the run should see) and its build
+# live in build-mutants/ (VARKEL_MUTANTS_DIR to move it). The first run builds the test
+# programs the list names; later runs rebuild incrementally. Exit status 0 only when every
+# fault was caught and the list is sound.
 set -uo pipefail
 
 root=$(git -C "$(dirname "$0")/.." rev-parse --show-toplevel) || exit 2
@@ -34,7 +36,7 @@ while [ $# -gt 0 ]; do
     --jobs) jobs=${2:?--jobs needs a number}; shift 2 ;;
     --timeout) timeout=${2:?--timeout needs seconds}; shift 2 ;;
     --check) check_only=1; shift ;;
-    -h | --help) sed -n '2,17p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h | --help) sed -n '2,20p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     -*) echo "mutants: unknown option $1" >&2; exit 2 ;;
     *) list=$1; shift ;;
   esac
@@ -47,8 +49,8 @@ build=$area/build
 head=$(git rev-parse HEAD)
 
 # ---- the list --------------------------------------------------------------------
-# Each fault becomes five parallel entries: list line, file, original, replacement,
-# regex; its description is the comment above it or the change itself.
+# Each fault becomes one entry in each parallel array: file, original, replacement,
+# regex, description (the comment above it or the change itself) and list line.
 files=() origs=() repls=() regexes=() descs=() linenos=()
 bad=0
 n=0
