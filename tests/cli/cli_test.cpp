@@ -62,6 +62,15 @@ TEST_F(CliTest, BackupSetDiffRestoreRoundTrip) {
   EXPECT_EQ(sim_->Value("Spin Rate"), "600");
   EXPECT_EQ(Run({"diff", File("b.json")}).status, 0);
   EXPECT_NE(Run({"restore", File("b.json")}).out.find("nothing to restore"), std::string::npos);
+
+  // A new backup over the old one holds the sensor's values, not the table's defaults.
+  ASSERT_TRUE(sim_->SetValue("Spin Rate", "1200"));
+  ASSERT_EQ(Run({"backup", File("b.json")}).status, 0);
+  EXPECT_EQ(Run({"diff", File("b.json")}).status, 0);
+  // A read-only value that moved counts only with --all.
+  ASSERT_TRUE(sim_->SetValue("SN", "QT24K0193C"));
+  EXPECT_EQ(Run({"diff", File("b.json")}).status, 0);
+  EXPECT_EQ(Run({"diff", "--all", File("b.json")}).status, 1);
 }
 
 TEST_F(CliTest, SetSendsTheWholePayloadWithTheUntouchedFieldsPresentValues) {

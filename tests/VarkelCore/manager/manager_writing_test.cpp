@@ -6,7 +6,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "config_parser.h"
 #include "manager_test_support.h"
+#include "variable_io.h"
 
 using varkel::sim::FailureMode;
 
@@ -407,4 +409,20 @@ TEST_F(ManagerWriting, AFieldTheReplyDoesNotReachFailsTheWriteBeforeAnythingIsSe
   m_->Run(0);
   EXPECT_EQ(Error(), "");
   EXPECT_EQ(sim_->LastPayload(0x25), (std::vector<uint8_t>{0x00, 0x0E, 0xC6, 0x01, 0x02, 0x03, 0x00, 0x64, 0x07}));
+}
+
+TEST_F(ManagerWriting, AValueNarrowerThanItsFieldKeepsTheLeadingBytesZero) {
+  // A table may give a one-byte type a wider field; the value is big-endian in it.
+  ConfigParser table;
+  table.LoadText(vktest::kTableHeader +
+                     "1,1,0x02,0x25,0,Wide,1,uint8,5,,,,,,2,0,,\n"
+                     "1,2,0x02,0x25,1,Next,1,uint8,7,,,,,,1,0,,\n",
+                 "Wide");
+  struct EveryFieldEdited : varkel::TableHost {
+    std::string Value(const VarInfo& var) override { return var.current_val; }
+    bool Edited(const VarInfo&) override { return true; }
+    void StoreRead(VarInfo&, const std::string&) override {}
+    std::array<float, quarn::lidar::kFovRanges> FovValues() override { return {}; }
+  } host;
+  EXPECT_EQ(varkel::PrepareSet(host, table, "0x25", {}).payload, (std::vector<uint8_t>{0x00, 0x05, 0x07}));
 }

@@ -487,12 +487,12 @@ TEST(KtcClientTransfer, ByCommandTextPlainAndExtended) {
   Bytes file(2049);
   for (size_t i = 0; i < file.size(); ++i) file[i] = static_cast<uint8_t>(i);
   // Plain: command 0x0A carrying the inner piece frame. Extended: command 0xFF, the 4-byte
-  // code before every frame, and the inner frame also with 0xFF.
+  // code before every frame, most significant byte first, and the inner frame also with 0xFF.
   for (auto [text, first, last] :
        {std::tuple<const char*, const char*, const char*>{"0x0A", "47 74 0a 00 00 00 04 18 47 74 0a 00 00 00 04 10",
                                                           "47 74 0a 00 00 00 00 19 47 74 0a 00 00 00 00 11"},
-        {"A", "47 74 ff 00 00 00 04 1c 00 00 00 0a 47 74 ff 00 00 00 04 10",
-         "47 74 ff 00 00 00 00 1d 00 00 00 0a 47 74 ff 00 00 00 00 11"}}) {
+        {"1A2B3C4D", "47 74 ff 00 00 00 04 1c 1a 2b 3c 4d 47 74 ff 00 00 00 04 10",
+         "47 74 ff 00 00 00 00 1d 1a 2b 3c 4d 47 74 ff 00 00 00 00 11"}}) {
     SCOPED_TRACE(text);
     Link link(1);
     std::atomic<uint32_t> progress{0};
