@@ -26,7 +26,6 @@ namespace {
 
 std::mutex program_mutex;
 std::string program_name = "varkel";
-std::string program_version;
 
 std::string UserName() {
   char buffer[1024];
@@ -75,10 +74,13 @@ Outcome OutcomeOf(int ret, int code) {
   return code > 0 ? Outcome::kRefused : Outcome::kNoReply;
 }
 
-void SetProgram(const std::string& name, const std::string& version) {
+void SetProgram(const std::string& name) {
   std::lock_guard<std::mutex> lock(program_mutex);
   program_name = name;
-  program_version = version;
+}
+
+std::string ProgramVersion() {
+  return VARKEL_VERSION;
 }
 
 std::string DefaultDirectory() {
@@ -98,7 +100,7 @@ nlohmann::ordered_json MakeEntry(const Site& site, const Change& change, int64_t
   {
     std::lock_guard<std::mutex> lock(program_mutex);
     entry["program"] = program_name;
-    entry["version"] = program_version;
+    entry["version"] = VARKEL_VERSION;
   }
   entry["user"] = UserName();
   entry["host"] = site.host;

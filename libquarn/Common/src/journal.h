@@ -42,8 +42,9 @@ struct Change {
 // reply never came (or the request never went), a positive one is the sensor's refusal.
 Outcome OutcomeOf(int ret, int code);
 
-// The program writing, for every line of this process ("varkel-cli", "1.0.1").
-void SetProgram(const std::string& name, const std::string& version);
+// The program writing, for every line of this process ("varkel-cli"); the version is the build's.
+void SetProgram(const std::string& name);
+std::string ProgramVersion();
 
 // $XDG_DATA_HOME/varkel, else ~/.local/share/varkel.
 std::string DefaultDirectory();
