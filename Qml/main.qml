@@ -349,7 +349,7 @@ Rectangle {
                 objectName: "pageTabs"
                 anchors.fill: parent
                 visible: root.connectType === 0
-                titles: root.pageTitles.concat(["Log", "Send Command"])
+                titles: root.pageTitles.concat(["Log", "Send Command", "History"])
                 onCurrentIndexChanged: root.showPage(currentIndex)
 
                 Repeater {
@@ -389,6 +389,11 @@ Rectangle {
 
                 CommandPage {
                     manager: varkel_manager
+                }
+
+                HistoryPage {
+                    history: varkel_manager.history
+                    onBundleRequested: bundleDialog.open()
                 }
             }
         }
@@ -432,6 +437,21 @@ Rectangle {
             selectExisting: false
             nameFilters: ["Archives (*.tar)", "All files (*)"]
             onAccepted: root.downloadOperationLog(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
+    }
+    Loader {
+        id: bundleDialog
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            objectName: "bundleDialog"
+            title: "Save support bundle"
+            selectExisting: false
+            nameFilters: ["Archives (*.tar.gz)", "All files (*)"]
+            onAccepted: varkel_manager.history.saveBundle(fileUrl)
         }
         function open() {
             active = true;

@@ -36,6 +36,10 @@ std::string Shown(const VarInfo& var, const std::string& text) {
 
 }  // namespace
 
+std::string ModelOfTable(const ConfigParser& parser) {
+  return ModelOf(parser.file_path);
+}
+
 journal::Site ChangeSite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser) {
   journal::Site site{client.GetLidarIp(), ModelOf(parser.file_path), ""};
   if (VarInfo* sn = parser.FindByName("SN")) {

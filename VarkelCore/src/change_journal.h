@@ -11,6 +11,9 @@
 
 namespace varkel {
 
+// The model a table is of: its file's name without folder and extension.
+std::string ModelOfTable(const ConfigParser& parser);
+
 // The sensor behind `client`: its address, the model of `parser`'s table and the serial
 // number, read through `host` when no read has brought it yet.
 quarn::journal::Site ChangeSite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser);

@@ -42,6 +42,10 @@ class SerialSource;
 namespace varkel {
 struct ManagerCatalogue;
 }
+namespace quarn::journal {
+struct Site;
+}
+class JournalHistory;
 
 class VarkelManager : public QObject {
   Q_OBJECT
@@ -81,6 +85,7 @@ class VarkelManager : public QObject {
   Q_PROPERTY(QVariantList ZeltoLidarVersionInfo READ getZeltoLidarVersionInfo NOTIFY zeltoLidarInfoChanged)
   Q_PROPERTY(bool isGetPBLVersion READ getIsGetPBLVersion NOTIFY isGetPBLVersionChanged)
   Q_PROPERTY(QVariantList logRepeaterModel READ getLogRepeaterModel NOTIFY lidarModelChanged)
+  Q_PROPERTY(QObject* history READ history CONSTANT)  // the History page (journal_history.h)
 
  public:
   // Created on the first call, once per process; later calls return the same object and
@@ -88,6 +93,7 @@ class VarkelManager : public QObject {
   static VarkelManager* GetInstance(bool flag, const QString& config_path);
 
   ~VarkelManager() override;
+  QObject* history();
   VarkelManager(const VarkelManager&) = delete;
   VarkelManager& operator=(const VarkelManager&) = delete;
 
@@ -319,6 +325,9 @@ class VarkelManager : public QObject {
  private:
   // The shared reads and writes reach the table through it (varkel_manager_host.h).
   class TableHost;
+  // The connected sensor as the change journal names it (varkel_manager_journal.cpp).
+  quarn::journal::Site JournalSite();
+  JournalHistory* history_ = nullptr;
   struct Worker {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;
