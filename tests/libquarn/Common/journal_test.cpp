@@ -83,10 +83,15 @@ TEST_F(Journal, UnwritableJournalFailsTheAppendNotTheCaller) {
   std::string error;
   EXPECT_FALSE(journal::Writer(blocker + "/varkel").Append("{}", &error));
   EXPECT_NE(error.find(blocker), std::string::npos) << error;
+  const char* before = std::getenv("XDG_DATA_HOME");
+  const std::string saved = before ? before : "";
   ::setenv("XDG_DATA_HOME", blocker.c_str(), 1);
   EXPECT_NO_THROW(journal::Record({}, {"restart", "restart", "", {}, {}, journal::Outcome::kNoReply, 0}));
   EXPECT_NO_THROW(journal::Record({}, {"restart", "restart", "", {}, {}, journal::Outcome::kNoReply, 0}));
-  ::unsetenv("XDG_DATA_HOME");
+  if (before)
+    ::setenv("XDG_DATA_HOME", saved.c_str(), 1);
+  else
+    ::unsetenv("XDG_DATA_HOME");
 }
 
 TEST_F(Journal, EntryCarriesOutcomeAndOnlyTheValuesThereAre) {
