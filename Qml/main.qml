@@ -349,7 +349,7 @@ Rectangle {
                 objectName: "pageTabs"
                 anchors.fill: parent
                 visible: root.connectType === 0
-                titles: root.pageTitles.concat(["Log", "Send Command", "Data Stream"])
+                titles: root.pageTitles.concat(["Log", "Send Command", "Data Stream", "History"])
                 onCurrentIndexChanged: root.showPage(currentIndex)
 
                 Repeater {
@@ -395,6 +395,10 @@ Rectangle {
                     model: varkel_manager.streamMonitor
                     connected: root.connected
                 }
+                HistoryPage {
+                    history: varkel_manager.history
+                    onBundleRequested: bundleDialog.open()
+                }
             }
         }
 
@@ -437,6 +441,21 @@ Rectangle {
             selectExisting: false
             nameFilters: ["Archives (*.tar)", "All files (*)"]
             onAccepted: root.downloadOperationLog(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
+    }
+    Loader {
+        id: bundleDialog
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            objectName: "bundleDialog"
+            title: "Save support bundle"
+            selectExisting: false
+            nameFilters: ["Archives (*.tar.gz)", "All files (*)"]
+            onAccepted: varkel_manager.history.saveBundle(fileUrl)
         }
         function open() {
             active = true;

@@ -17,7 +17,10 @@ add_library(VarkelCore STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_upgrade.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_stream.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/stream_monitor_model.h
-  ${CMAKE_CURRENT_SOURCE_DIR}/src/stream_monitor_model.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/stream_monitor_model.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/varkel_manager_journal.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/journal_history.h
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/journal_history.cpp)
 set_target_properties(VarkelCore PROPERTIES AUTOMOC ON)
 target_include_directories(VarkelCore PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_link_libraries(VarkelCore PUBLIC Qt5::Core varkel_config varkel_io quarn_ktc quarn_source log_lib)

@@ -9,6 +9,7 @@
 
 #include "font_loader.h"
 #include "install_root.h"
+#include "journal.h"
 #include "mainwindow.h"
 #include "module_arg.h"
 #include "palette.h"
@@ -50,6 +51,7 @@ int main(int argc, char* argv[]) {
   const QPalette palette = PrepareBeforeApplication(argc, argv);
 
   QApplication app(argc, argv);
+  quarn::journal::SetProgram("varkel");
   varkel::app::QuitOnTerminationSignals(app);
 
   const QString root = varkel::app::ResolveInstallRoot(QCoreApplication::applicationDirPath());

@@ -6,6 +6,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "change_journal.h"
 #include "config_parser.h"
 #include "hex_text.h"
 #include "ktc_client.h"
@@ -258,7 +259,7 @@ SendOutcome SendSet(TableHost& host, quarn::lidar::KtcClient& client, const Prep
 }
 
 void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser, const WritePlan& plan,
-                  const std::function<void(const PreparedSet&, const SendOutcome&)>& sent) {
+                  const std::function<void(const PreparedSet&, const SendOutcome&)>& sent, const char* what) {
   // Refresh: a payload must never carry a stale field, so a failed read stops the write
   // before anything is sent.
   ReadBytes fresh;
@@ -273,8 +274,12 @@ void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser
   for (const std::string& set_cmd : plan.send_list) prepared.push_back(PrepareSet(host, parser, set_cmd, fresh));
 
   // Writing, in order; a failure stops here and what was written stays written.
+  if (prepared.empty()) return;
+  const quarn::journal::Site site = ChangeSite(host, client, parser);
   for (const PreparedSet& set : prepared) {
+    auto changes = SetChanges(host, parser, set, fresh, what);
     const SendOutcome outcome = SendSet(host, client, set);
+    RecordSet(site, std::move(changes), outcome);
     if (sent) sent(set, outcome);
     if (outcome.result != SendResult::kFailed) continue;
     if (set.fov) throw std::invalid_argument("set channel fov failed");

@@ -150,9 +150,10 @@ SendOutcome SendSet(TableHost& host, quarn::lidar::KtcClient& client, const Prep
 // Throws std::invalid_argument: "could not read the present values for <get command>[ payload
 // <payload>] before writing", "could not read <name> from the reply to <get command> before
 // writing", a refusal of PrepareSet, or "<cmd> SET  ret_code: <code>" for a refused command
-// (what went out before stays written).
+// (what went out before stays written). Every command sent leaves its changed variables in
+// the change journal as `what` ("set", or "restore" for a backup written back).
 void ExecuteWrite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser, const WritePlan& plan,
-                  const std::function<void(const PreparedSet&, const SendOutcome&)>& sent);
+                  const std::function<void(const PreparedSet&, const SendOutcome&)>& sent, const char* what = "set");
 
 // ---- range checks ----
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "journal_history.h"
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
 #include "manager_catalogue.h"
@@ -46,6 +47,7 @@ VarkelManager::~VarkelManager() {
   { std::lock_guard<std::mutex> lock(closing_mutex_); }
   closing_cv_.notify_all();
   JoinWorkers();
+  if (history_) history_->WaitForBundle();  // its thread reads our values
   StopRefreshThread();
   std::shared_ptr<quarn::lidar::SerialSource> s485, s232;
   {

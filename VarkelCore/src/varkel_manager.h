@@ -44,6 +44,10 @@ class SerialSource;
 namespace varkel {
 struct ManagerCatalogue;
 }
+namespace quarn::journal {
+struct Site;
+}
+class JournalHistory;
 
 class VarkelManager : public QObject {
   Q_OBJECT
@@ -85,6 +89,7 @@ class VarkelManager : public QObject {
   Q_PROPERTY(QVariantList logRepeaterModel READ getLogRepeaterModel NOTIFY lidarModelChanged)
   // The Data Stream page's figures and diagnosis (stream_monitor_model.h).
   Q_PROPERTY(QObject* streamMonitor READ getStreamMonitor CONSTANT)
+  Q_PROPERTY(QObject* history READ history CONSTANT)  // the History page (journal_history.h)
 
  public:
   // Created on the first call, once per process; later calls return the same object and
@@ -92,6 +97,7 @@ class VarkelManager : public QObject {
   static VarkelManager* GetInstance(bool flag, const QString& config_path);
 
   ~VarkelManager() override;
+  QObject* history();
   VarkelManager(const VarkelManager&) = delete;
   VarkelManager& operator=(const VarkelManager&) = delete;
 
@@ -331,6 +337,9 @@ class VarkelManager : public QObject {
  private:
   // The shared reads and writes reach the table through it (varkel_manager_host.h).
   class TableHost;
+  // The connected sensor as the change journal names it (varkel_manager_journal.cpp).
+  quarn::journal::Site JournalSite();
+  JournalHistory* history_ = nullptr;
   struct Worker {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;

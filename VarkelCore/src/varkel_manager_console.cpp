@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "change_journal.h"
 #include "console_request.h"
 #include "ktc_client.h"
 #include "logger.h"
@@ -118,6 +119,7 @@ void VarkelManager::SendCommand(QString cmd_qs, QString payload_qs) {
   CommandRecord record{LocalTimeNow(), request.cmd_text, request.payload_text};
 
   std::vector<uint8_t> reply;
+  const quarn::journal::Site site = JournalSite();  // before: a restart takes the sensor away
   size_t header_bytes = kKtcHeaderBytes;
   int ret;
   int code;  // what the log names as the reason
@@ -128,6 +130,7 @@ void VarkelManager::SendCommand(QString cmd_qs, QString payload_qs) {
     ret = ktc->QueryCommand(payload, reply, cmd, true);
     code = ret == 0 ? 0 : ktc->GetLastReturnCode();
   }
+  varkel::RecordExchange(site, "console", request.cmd_text + " " + request.payload_text, ret, code);
 
   if (ret != 0 || reply.size() < header_bytes) {
     Print("query command failed!\n");

@@ -12,6 +12,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "change_journal.h"
 #include "ktc_client.h"
 #include "log_file_name.h"
 #include "maintenance_command.h"
@@ -72,8 +73,10 @@ int VarkelManager::RestartOrReset(bool reset) {
     // Silent: the sensor goes away right after answering; its bytes are of no interest.
     const bool log_bytes = log_bytes_flow_.exchange(false);
     std::vector<uint8_t> reply;
+    const quarn::journal::Site site = JournalSite();
     const int ret = client->QueryCommand(named.payload, reply, named.command.cmd);
     log_bytes_flow_.store(log_bytes);
+    varkel::RecordExchange(site, what, var->var_name, ret, client->GetLastReturnCode());
     if (ret == 0) {
       Stop();
       return 0;

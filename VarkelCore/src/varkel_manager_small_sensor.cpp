@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "atomic_file.h"
+#include "change_journal.h"
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
 #include "serial_client.h"
@@ -99,6 +100,7 @@ void VarkelManager::ZeltoSetStandby(int standby) {
   if (!link) return;
   const uint8_t item = standby != 0 ? ss::kItemStandby : ss::kItemWorking;
   const int ret = link->Set(item, 0);
+  varkel::RecordExchange(JournalSite(), "parameter", standby != 0 ? "standby" : "working", ret, ret);
   if (ret != 0) return ReportSmallSensorFailure("set lidar mode error, ret:", ret);
   link->RecordMode(item);
   setSuccessMsg("Set standby successfully");
@@ -109,6 +111,7 @@ void VarkelManager::ZeltoSetSpinRate(int rate) {
   auto link = SmallSensorReady(kNotReady);
   if (!link) return;
   const int ret = link->Set(ss::kItemSpinRate, static_cast<uint8_t>(rate & 0xFF));
+  varkel::RecordExchange(JournalSite(), "parameter", "spin rate " + std::to_string(rate & 0xFF), ret, ret);
   if (ret != 0) return ReportSmallSensorFailure("set lidar spin rate error, ret:", ret);
   setSuccessMsg("Set spin rate successfully");
 }
@@ -118,6 +121,7 @@ void VarkelManager::ZeltoSetReturnMode(int mode) {
   auto link = SmallSensorReady(kNotReady);
   if (!link) return;
   const int ret = link->Set(mode != 0 ? ss::kItemLastReturn : ss::kItemStrongestReturn, 0);
+  varkel::RecordExchange(JournalSite(), "parameter", mode != 0 ? "last return" : "strongest return", ret, ret);
   if (ret != 0) ReportSmallSensorFailure("set lidar return mode error, ret:", ret);
 }
 

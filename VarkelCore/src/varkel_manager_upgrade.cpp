@@ -10,6 +10,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "change_journal.h"
 #include "config_parser.h"
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
@@ -94,7 +95,9 @@ void VarkelManager::UpgradeWorker(std::vector<uint8_t> data, std::string command
   try {
     auto client = KtcClientHandle();
     if (!client) throw std::runtime_error("lidar disconnected before the transfer");
+    const quarn::journal::Site site = JournalSite();
     const int ret = client->TransferFileByCmdText(data, command_text, upgrade_progress_);
+    varkel::RecordExchange(site, "upgrade", std::to_string(data.size()) + " bytes", ret, client->GetLastReturnCode());
     // Lowered before the message, and before the restart, which refuses while it is up.
     SetUpgrading(false);
     if (ret != 0) {

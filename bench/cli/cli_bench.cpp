@@ -58,6 +58,7 @@ int main(int argc, char** argv) {
   if (!mkdtemp(home)) return 1;
   setenv("HOME", home, 1);
   setenv("XDG_CONFIG_HOME", (std::string(home) + "/.config").c_str(), 1);
+  setenv("XDG_DATA_HOME", (std::string(home) + "/.local/share").c_str(), 1);
   QStandardPaths::setTestModeEnabled(true);
   QCoreApplication app(argc, argv);
   int status = 0;

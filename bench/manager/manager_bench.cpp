@@ -75,6 +75,7 @@ int main(int argc, char** argv) {
   const std::string home = MakeTempDir("vk-bench-home-");
   setenv("HOME", home.c_str(), 1);
   setenv("XDG_CONFIG_HOME", (home + "/.config").c_str(), 1);
+  setenv("XDG_DATA_HOME", (home + "/.local/share").c_str(), 1);
   QStandardPaths::setTestModeEnabled(true);
   QCoreApplication app(argc, argv);
   if (chdir(root.c_str()) != 0) return 1;

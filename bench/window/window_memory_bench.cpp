@@ -68,6 +68,7 @@ int Measure(const std::string& model, int argc, char** argv) {
   // Never the user's own settings.
   qputenv("HOME", home.path().toLocal8Bit());
   qputenv("XDG_CONFIG_HOME", (home.path() + "/.config").toLocal8Bit());
+  qputenv("XDG_DATA_HOME", (home.path() + "/.local/share").toLocal8Bit());
   if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
     qputenv("QT_QPA_PLATFORM", "offscreen");
   // As the program starts (the screen's scale factor aside, which does not change what is loaded).

@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "journal.h"
 
 namespace varkel::cli {
 
@@ -19,6 +20,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   ctx.terminal = &err == &std::cerr && ::isatty(STDERR_FILENO);
   // The window's last connection is the default, as the window itself starts with it.
   ApplySettingsFile(SettingsFilePath(), ctx.connection);
+  quarn::journal::SetProgram("varkel-cli");
 
   CLI::App app{"Inspect and configure lidar sensors from a terminal.", "varkel-cli"};
   app.require_subcommand(1, 1);
@@ -159,6 +161,22 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   scan->callback([&] { action = [&](const Context& c) { return Scan(c, network, ports); }; });
 
   AddStreamCommand(app, action);
+
+  JournalOptions journal_options;
+  auto* journal = app.add_subcommand("journal", "the changes made to sensors from this account (never connects)");
+  journal->add_option("--since", journal_options.since, "only changes from this UTC time on (2026-11-26T08:00)");
+  journal->add_option("--host", journal_options.host, "only changes to this address or serial port");
+  journal->add_option("--serial", journal_options.serial, "only changes to this serial number");
+  journal->callback([&] { action = [&](const Context& c) { return Journal(c, journal_options); }; });
+
+  bool bundle_logs = false;
+  auto* bundle = app.add_subcommand("bundle", "one archive for support: versions, logs, journal, settings");
+  bundle->add_option("file", file, "archive to write (FILE.tar.gz)")->required();
+  bundle->add_flag("--logs", bundle_logs, "with --host: the sensor's logs too");
+  // The sensor's parts only for a sensor named here, never the settings' default one.
+  bundle->callback([&] {
+    action = [&](const Context& c) { return Bundle(c, file, app.get_option("--host")->count() > 0, bundle_logs); };
+  });
 
   try {
     app.parse(argc, argv);

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <thread>
 
+#include "change_journal.h"
 #include "ktc_fov.h"
 #include "str_parser.h"
 #include "var_info.h"
@@ -210,6 +211,10 @@ Session::Session(const ConnectionOptions& options) : options_(options) {
     throw CliError(kExitSensor, where + " accepts connections but does not answer KTC " +
                                     std::to_string(options.ktc_version) + ".0");
   host_ = CliHost(client_.get());
+}
+
+quarn::journal::Site Session::JournalSite() {
+  return ChangeSite(host_, *client_, *table_);
 }
 
 std::vector<VarInfo*> Session::Readable() const {

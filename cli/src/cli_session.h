@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "config_parser.h"
+#include "journal.h"
 #include "ktc_client.h"
 #include "variable_io.h"
 
@@ -101,6 +102,8 @@ class Session {
   const ConnectionOptions& options() const { return options_; }
   // Over TLS: who issued the sensor's verified certificate; empty over plain TCP.
   std::string TlsIssuer() const { return client_->PeerIssuer(); }
+  // The sensor as the change journal names it (reads its serial number when not yet read).
+  quarn::journal::Site JournalSite();
 
   // Reads `vars` with one query per get command and payload. The variables that could not
   // be read are returned with the reason.

@@ -86,6 +86,16 @@ struct StreamOptions {
 int Stream(const Context& ctx, const StreamOptions& options);
 void AddStreamCommand(CLI::App& app, std::function<int(const Context&)>& action);
 
+struct JournalOptions {
+  std::string since;  // UTC time; empty: from the start
+  std::string host;
+  std::string serial;
+};
+// The change journal, rotated files included, oldest first. Never connects.
+int Journal(const Context& ctx, const JournalOptions& options);
+// A support bundle at `file`; the connected sensor's parts only `with_sensor` (its logs
+// only with `logs` too).
+int Bundle(const Context& ctx, const std::string& file, bool with_sensor, bool logs);
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 

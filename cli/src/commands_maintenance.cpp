@@ -20,11 +20,13 @@
 #include <nlohmann/json.hpp>
 
 #include "atomic_file.h"
+#include "change_journal.h"
 #include "commands.h"
 #include "console_request.h"
 #include "log_file_name.h"
 #include "maintenance_command.h"
 #include "manager_catalogue.h"
+#include "run_program.h"
 #include "var_info.h"
 
 namespace varkel::cli {
@@ -67,7 +69,10 @@ void SendRestartOrReset(Session& session, bool reset) {
                                       (var->set_cmd.empty() ? var->get_cmd : var->set_cmd) + "' is no number");
   }
   std::vector<uint8_t> reply;
-  if (session.client().QueryCommand(named.payload, reply, named.command.cmd) != 0) {
+  const auto site = session.JournalSite();  // before: the sensor goes away after it
+  const int ret = session.client().QueryCommand(named.payload, reply, named.command.cmd);
+  RecordExchange(site, what, var->var_name, ret, session.client().GetLastReturnCode());
+  if (ret != 0) {
     // A failed exchange whose reply carried no code still failed.
     const int code = session.client().GetLastReturnCode() != 0 ? session.client().GetLastReturnCode() : -1;
     throw CliError(kExitSensor,
@@ -78,54 +83,6 @@ void SendRestartOrReset(Session& session, bool reset) {
 // A log cut off by a full disk must not pass for a whole one.
 bool WriteFile(const fs::path& path, const std::vector<uint8_t>& bytes) {
   return quarn::WriteFileAtomically(path.string(), bytes);
-}
-
-// Runs `args` (no shell: names are never read as commands) in `dir`, its output merged
-// into *output. Its exit status, or -1 when it could not start, was killed or overran.
-int RunProgram(const std::vector<std::string>& args, const std::string& dir, int timeout_ms, std::string* output) {
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return -1;
-  std::vector<char*> argv;
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  const pid_t pid = ::fork();
-  if (pid < 0) {
-    ::close(pipe_fds[0]);
-    ::close(pipe_fds[1]);
-    return -1;
-  }
-  if (pid == 0) {
-    // Only async-signal-safe calls between fork and exec.
-    ::dup2(pipe_fds[1], STDOUT_FILENO);
-    ::dup2(pipe_fds[1], STDERR_FILENO);
-    if (::chdir(dir.c_str()) != 0) ::_exit(127);
-    ::execvp(argv[0], argv.data());
-    ::_exit(127);
-  }
-  ::close(pipe_fds[1]);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  bool overran = false;
-  char buffer[4096];
-  while (true) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      overran = true;
-      break;
-    }
-    pollfd p{pipe_fds[0], POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-    const ssize_t n = ::read(pipe_fds[0], buffer, sizeof buffer);
-    if (n <= 0) break;  // the program closed its output: it has ended
-    output->append(buffer, static_cast<size_t>(n));
-  }
-  ::close(pipe_fds[0]);
-  if (overran) ::kill(pid, SIGKILL);
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (overran || !WIFEXITED(status) || WEXITSTATUS(status) == 127) return -1;
-  return WEXITSTATUS(status);
 }
 
 // Progress of a transfer: a bar redrawn in place on a terminal, a line per tenth otherwise.
@@ -173,7 +130,11 @@ int Console(const Context& ctx, const std::string& cmd, const std::vector<std::s
   Session session(ctx.connection);
   std::vector<uint8_t> reply;
   const size_t header_bytes = ctx.connection.ktc_version == 2 ? 12 : 8;
-  if (session.client().QueryCommand(request.payload, reply, request.cmd, true) != 0 || reply.size() < header_bytes)
+  const auto site = session.JournalSite();
+  const int ret = session.client().QueryCommand(request.payload, reply, request.cmd, true);
+  RecordExchange(site, "console", (request.cmd_text + " " + request.payload_text), ret,
+                 session.client().GetLastReturnCode());
+  if (ret != 0 || reply.size() < header_bytes)
     throw CliError(kExitSensor, "command " + HexByte(request.cmd) + " failed, return code " +
                                     std::to_string(session.client().GetLastReturnCode()));
   const bool restarts = request.cmd == kConsoleRestartCmd || request.cmd == kConsoleResetCmd;
@@ -338,6 +299,7 @@ int Upgrade(const Context& ctx, const std::string& file, const std::string& var_
   std::atomic<bool> done{false};
   int ret = -1;
   std::string fault;
+  const auto site = session.JournalSite();
   std::thread transfer([&] {
     try {
       ret = session.client().TransferFileByCmdText(data, command, progress);
@@ -353,6 +315,8 @@ int Upgrade(const Context& ctx, const std::string& file, const std::string& var_
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   transfer.join();
+  if (fault.empty())
+    RecordExchange(site, "upgrade", fs::path(file).filename().string(), ret, session.client().GetLastReturnCode());
   if (ret == 0) show(pieces);
   if (!ctx.progress) bar.End();
   if (!fault.empty()) throw CliError(kExitBadInput, var->var_name + ": command text '" + command_shown + "': " + fault);

@@ -67,14 +67,17 @@ WriteRun WriteInOrder(Session& session, const std::vector<Change>& changes, cons
                         [&](const std::string& cmd) { return cmd != kNetworkSetCmd && !last.count(cmd); });
   WriteRun run;
   try {
-    ExecuteWrite(host, session.client(), session.table(), plan, [&](const PreparedSet& set, const SendOutcome& o) {
-      if (o.result == SendResult::kFailed) {
-        run.refused = set.set_cmd;
-        run.refused_code = o.code;
-      } else {
-        run.written.push_back(set.set_cmd);
-      }
-    });
+    ExecuteWrite(
+        host, session.client(), session.table(), plan,
+        [&](const PreparedSet& set, const SendOutcome& o) {
+          if (o.result == SendResult::kFailed) {
+            run.refused = set.set_cmd;
+            run.refused_code = o.code;
+          } else {
+            run.written.push_back(set.set_cmd);
+          }
+        },
+        "restore");
   } catch (const std::exception& e) {
     run.error = e.what();
   }

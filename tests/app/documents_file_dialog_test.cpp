@@ -33,6 +33,7 @@ TEST(DocumentsFileDialog, OpensInDocumentsThenWhereTheUserLastChose) {
   ASSERT_TRUE(home.isValid());
   qputenv("HOME", home.path().toLocal8Bit());
   qputenv("XDG_CONFIG_HOME", (home.path() + "/.config").toLocal8Bit());
+  qputenv("XDG_DATA_HOME", (home.path() + "/.local/share").toLocal8Bit());
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   const QString documents = home.path() + "/Documents";
   const QString elsewhere = home.path() + "/images";

@@ -40,6 +40,7 @@ TEST_P(MainWindowTest, PublishesTheControllerBeforeLoadingAndFreesBothOnDestruct
   // Settings are read from the documents folder: keep the user's own out of it.
   qputenv("HOME", home.path().toLocal8Bit());
   qputenv("XDG_CONFIG_HOME", (home.path() + "/.config").toLocal8Bit());
+  qputenv("XDG_DATA_HOME", (home.path() + "/.local/share").toLocal8Bit());
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND")) qputenv("QT_QUICK_BACKEND", "software");
   static int argc = 1;

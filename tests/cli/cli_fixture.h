@@ -38,6 +38,8 @@ class CliTest : public ::testing::Test {
     home_ = dir;
     ::setenv("HOME", home_.c_str(), 1);
     ::unsetenv("XDG_CONFIG_HOME");
+    // The change journal of every run goes to the private home, never the user's.
+    ::setenv("XDG_DATA_HOME", (home_ + "/data").c_str(), 1);
     varkel::sim::SimOptions o;
     o.model = "Quenta";
     o.config_dir = kTables;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 
+#include "journal_history.h"
 #include "manager_test_support.h"
 
 using varkel::sim::FailureMode;
@@ -258,4 +259,29 @@ TEST_F(ManagerMaintenance, TheOperationLogArchiveHoldsItsFourParts) {
   EXPECT_EQ(Error(), "Operation log download failed.");
   EXPECT_EQ(FilesIn(work, "").size(), 4);
   EXPECT_FALSE(m_->getIsDownloadLog());
+}
+
+// The History page's bundle while connected: the sensor's part from the values the window
+// read, and its console command in the journal, with its serial number.
+TEST_F(ManagerMaintenance, TheSupportBundleCarriesTheConnectedSensorAndItsJournal) {
+  ASSERT_TRUE(Connect());
+  m_->GetLidarModuleInfo(0);
+  m_->SendCommand("20", "");
+  auto* history = qobject_cast<JournalHistory*>(m_->history());
+  ASSERT_NE(history, nullptr);
+  const QString archive = QString::fromStdString(root_ + "/support.tar.gz");
+  ASSERT_TRUE(history->saveBundle(QUrl::fromLocalFile(archive).toString()));
+  history->WaitForBundle();
+  EXPECT_EQ(history->bundleMessage(), "Support bundle saved: " + archive);
+  const QString out = Folder("bundle");
+  ASSERT_EQ(QProcess::execute("tar", {"-xzf", archive, "-C", out}), 0);
+  const auto bytes = ReadAll(out + "/sensor/backup.json");
+  const QByteArray backup(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
+  EXPECT_TRUE(backup.contains("\"varkel-backup\"")) << backup.toStdString();
+  EXPECT_TRUE(backup.contains(QByteArray::fromStdString(sim_->Value("SN"))));
+  EXPECT_TRUE(QFile::exists(out + "/version.txt"));
+  const auto journal = ReadAll(out + "/journal/journal.jsonl");
+  const std::string text(journal.begin(), journal.end());
+  EXPECT_NE(text.find("\"what\":\"console\""), std::string::npos) << text;
+  EXPECT_NE(text.find("\"serial\":\"" + sim_->Value("SN") + "\""), std::string::npos) << text;
 }

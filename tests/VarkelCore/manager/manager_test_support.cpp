@@ -27,6 +27,7 @@ const std::string kHome = [] {
   std::string home = MakeTempDir("vk-mgr-home-");
   setenv("HOME", home.c_str(), 1);
   setenv("XDG_CONFIG_HOME", (home + "/.config").c_str(), 1);
+  setenv("XDG_DATA_HOME", (home + "/.local/share").c_str(), 1);  // the change journal
   unsetenv("XDG_DOCUMENTS_DIR");
   QStandardPaths::setTestModeEnabled(true);
   return home;

@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "config_parser.h"
+#include "journal.h"
+#include "journal_history.h"
 #include "manager_test_support.h"
 #include "variable_io.h"
 
@@ -286,6 +289,7 @@ TEST_F(ManagerWriting, BadFovValuesAreRefusedAndShowTheStoredValueAgain) {
 }
 
 TEST_F(ManagerWriting, RunWritesTheFovChannelAndTheFirstFiveValues) {
+  std::filesystem::remove_all(quarn::journal::DefaultDirectory());
   ASSERT_TRUE(Connect());
   m_->SetMultiFovConfig(0, "12.5");
   m_->SetMultiFovConfig(4, "300");
@@ -309,6 +313,23 @@ TEST_F(ManagerWriting, RunWritesTheFovChannelAndTheFirstFiveValues) {
   log_->Flush();
   EXPECT_TRUE(log_->Has("INFO: Send KTC command [0x22] to set FOV Channel success."));
   EXPECT_EQ(sim_->FovStart(), (varkel::sim::FovBlock::Angles{1250, 0, 0, 0, 30000}));
+
+  // The History page: newest first, the write that never went out left no line.
+  auto* history = qobject_cast<JournalHistory*>(m_->history());
+  ASSERT_NE(history, nullptr);
+  history->refresh();
+  const QVariantList rows = history->entries();
+  ASSERT_EQ(rows.size(), 2);
+  EXPECT_EQ(rows[0].toMap()["what"].toString(), "fov");
+  EXPECT_EQ(rows[0].toMap()["new"].toString(), "channel 3: 12.50, 0.00, 0.00, 0.00, 300.00");
+  EXPECT_EQ(rows[0].toMap()["host"].toString(), "127.0.0.1");
+  EXPECT_EQ(rows[1].toMap()["outcome"].toString(), "refused (4)");
+  history->setHost("127.0.0.9");
+  history->refresh();
+  EXPECT_TRUE(history->entries().isEmpty());
+  history->setSince("tomorrow");
+  history->refresh();
+  EXPECT_FALSE(history->filterError().isEmpty());
 }
 
 TEST_F(ManagerWriting, TableCommandTextsAreReadWithAutomaticBase) {

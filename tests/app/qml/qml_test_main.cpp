@@ -205,6 +205,7 @@ int main(int argc, char** argv) {
   if (!home.isValid()) return 1;
   qputenv("HOME", home.path().toLocal8Bit());
   qputenv("XDG_CONFIG_HOME", (home.path() + "/.config").toLocal8Bit());
+  qputenv("XDG_DATA_HOME", (home.path() + "/.local/share").toLocal8Bit());
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   // The offscreen platform has no OpenGL; Qt Quick's software renderer draws instead.
   if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND")) qputenv("QT_QUICK_BACKEND", "software");
