@@ -127,6 +127,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
   scan->callback([&] { action = [&] { return Scan(ctx, network, ports); }; });
 
+  AddWatchCommand(app, ctx, action);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

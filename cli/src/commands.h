@@ -2,11 +2,17 @@
 // The commands of varkel-cli. Each writes its result to `out` (a table or JSON), returns
 // its exit status, and throws CliError with the one line to show when it cannot do its job.
 
+#include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "cli_session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace varkel::cli {
 
@@ -42,6 +48,17 @@ int Logs(const Context& ctx, const std::string& dir, bool operation);
 int Upgrade(const Context& ctx, const std::string& file, const std::string& var_name, bool restart, unsigned wait_s);
 // Which addresses of HOST[/PREFIX] answer KTC on `ports` ("9347,9348"; empty: the connection's port).
 int Scan(const Context& ctx, const std::string& network, const std::string& ports);
+
+struct WatchOptions {
+  std::vector<std::string> names;  // empty: every monitored variable of the model
+  unsigned interval_ms = 1000;
+  uint64_t count = 0;  // 0: until Ctrl-C
+  std::string csv;
+  std::vector<std::string> alerts;  // "NAME<VALUE" / "NAME>VALUE"
+};
+// Status 1 when an alert fired, 3 when the connection was lost (every sample before it written).
+int Watch(const Context& ctx, const WatchOptions& options);
+void AddWatchCommand(CLI::App& app, const Context& ctx, std::function<int()>& action);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
