@@ -24,11 +24,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 class QFile;
+class MonitorModel;
 class QProcess;
 struct VarInfo;
 
@@ -41,7 +43,8 @@ class SerialSource;
 
 namespace varkel {
 struct ManagerCatalogue;
-}
+struct MonitorPlan;
+}  // namespace varkel
 
 class VarkelManager : public QObject {
   Q_OBJECT
@@ -81,6 +84,8 @@ class VarkelManager : public QObject {
   Q_PROPERTY(QVariantList ZeltoLidarVersionInfo READ getZeltoLidarVersionInfo NOTIFY zeltoLidarInfoChanged)
   Q_PROPERTY(bool isGetPBLVersion READ getIsGetPBLVersion NOTIFY isGetPBLVersionChanged)
   Q_PROPERTY(QVariantList logRepeaterModel READ getLogRepeaterModel NOTIFY lidarModelChanged)
+  // The Monitor page's charts, limits and recording (a MonitorModel).
+  Q_PROPERTY(QObject* monitor READ monitor CONSTANT)
 
  public:
   // Created on the first call, once per process; later calls return the same object and
@@ -98,6 +103,7 @@ class VarkelManager : public QObject {
   void SetVMNowName(QString name);
 
   // Property accessors.
+  QObject* monitor() const;
   QVariantList getMyMap();
   QString getIpAddress() const;
   void setIpAddress(const QString& text);
@@ -277,6 +283,9 @@ class VarkelManager : public QObject {
   int GetInfoFromLidarWithSameCmd(const std::vector<VarInfo*>& vars, bool fov_read, bool timer_round = false);
   // The refresh thread's body: one round every 100 ms while the page-timer flag is set.
   void updatePagesTimer();
+  // Hands the monitor one sample of the variables `plan` names; those in `failed` were not read.
+  void SampleMonitor(const std::string& model, const varkel::MonitorPlan& plan, int64_t t_ms,
+                     const std::set<const VarInfo*>& failed);
   // Cuts `var` out of `output` (the reply to `cmd`) and stores its text. True when stored.
   // `timer_round` reports a given variable's cutting fault to the log pane only once.
   // `fresh` (a write's read, by var_id) keeps the bytes cut.
@@ -415,6 +424,8 @@ class VarkelManager : public QObject {
   // Held across every stop and start of page_timer_thread_.
   std::mutex page_timer_thread_mutex_;
   std::thread page_timer_thread_;
+  // Fed by the refresh thread; a child, so it outlives that thread.
+  MonitorModel* monitor_ = nullptr;
   std::mutex page_timer_wait_mutex_;
   std::condition_variable page_timer_wait_;
 
