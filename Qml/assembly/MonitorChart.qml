@@ -18,19 +18,26 @@ RowLayout {
     property var lines: []
     property var limitLines: []
     property string hoverText: ""
+    property int drawnWidth: 0
 
     spacing: Theme.spacing
 
     function refresh() {
         if (!monitor) return;
+        // The chart's own width, not its plot area's: the plot area moves with the value
+        // labels, and redrawing on that would chase the axis.
+        drawnWidth = Math.max(1, Math.round(chart.width - 80));
         for (var i = 0; i < lines.length; ++i) {
-            monitor.fillSeries(lines[i], members[i], Math.max(1, Math.round(chart.plotArea.width)));
+            monitor.fillSeries(lines[i], members[i], drawnWidth);
             monitor.fillLimit(limitLines[2 * i], members[i], false);
             monitor.fillLimit(limitLines[2 * i + 1], members[i], true);
         }
+        // Set here rather than bound, so a page not shown costs no axis layout.
+        axisX.min = monitor.viewFrom;
+        axisX.max = monitor.viewTo;
         var range = monitor.valueRange(chartIndex);
-        axisY.min = range[0];
-        axisY.max = range[1];
+        if (axisY.min !== range[0]) axisY.min = range[0];
+        if (axisY.max !== range[1]) axisY.max = range[1];
     }
 
     ChartView {
@@ -46,8 +53,6 @@ RowLayout {
 
         DateTimeAxis {
             id: axisX
-            min: root.monitor ? root.monitor.viewFrom : new Date()
-            max: root.monitor ? root.monitor.viewTo : new Date()
             format: "HH:mm:ss"
             tickCount: 7
             labelsColor: Theme.textDim
@@ -59,7 +64,7 @@ RowLayout {
             labelsColor: Theme.textDim
             gridLineColor: Theme.chartGrid
             labelsFont.pixelSize: Theme.fontSizeSmall
-            labelFormat: "%.6g"
+            labelFormat: "%.5g"
             titleText: root.title
             titleBrush: Theme.textDim
         }
@@ -89,7 +94,7 @@ RowLayout {
         function hoverFor(index) {
             return function (point, state) { root.hoverText = state ? root.monitor.pointText(index, point.x, point.y) : ""; };
         }
-        onPlotAreaChanged: root.refresh()
+        onWidthChanged: root.refresh()
 
         Text {
             anchors.top: parent.top

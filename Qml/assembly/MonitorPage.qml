@@ -11,11 +11,12 @@ Item {
     property var monitor: null
     signal errorRequested(string message)
 
+    // Read once per sample for every chart, and not at all while another page is shown.
+    readonly property var stats: visible && monitor ? monitor.series : []
     readonly property var periods: [100, 200, 500, 1000, 2000, 5000, 10000, 30000, 60000]
 
     Connections {
         target: page.monitor
-        function onViewChanged() { if (page.visible) page.refreshCharts(); }
         function onStatsChanged() { if (page.visible) page.refreshCharts(); }
         function onAlertRaised(text) { alertNotice.show(text); }
         function onProblem(text) { page.errorRequested(text); }
@@ -106,7 +107,7 @@ Item {
                         chartIndex: index
                         title: modelData.title
                         members: modelData.members
-                        stats: page.monitor.series
+                        stats: page.stats
                         onErrorRequested: page.errorRequested(message)
                     }
                 }
