@@ -36,8 +36,14 @@ MonitorModel::MonitorModel(QString settings_path, QObject* parent)
 
 bool MonitorModel::TakeDue(int64_t now_ms) {
   int64_t due = next_due_ms_.load();
-  if (now_ms < due) return false;
   const int period = period_ms_.load();
+  // The first sample of a connection comes a period after it opens, so the connection's
+  // own first exchanges go out alone.
+  if (due == 0) {
+    next_due_ms_.compare_exchange_strong(due, now_ms + period);
+    return false;
+  }
+  if (now_ms < due) return false;
   // A late round does not make the next ones crowd in.
   const int64_t next = std::max(due + period, now_ms + period / 2);
   return next_due_ms_.compare_exchange_strong(due, next);
@@ -94,7 +100,7 @@ void MonitorModel::AddGap(int64_t t_ms) {
     if (series_.empty()) return;
     for (Series& s : series_) s.buffer.AppendGap(t_ms);
   }
-  // Sampling starts again at once when the connection comes back.
+  // The next connection starts its own schedule.
   next_due_ms_.store(0);
   emit statsChanged();
 }

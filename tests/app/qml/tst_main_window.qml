@@ -105,12 +105,12 @@ Item {
             var tabs = child("pageTabs");
             var combo = child("modelCombo");
             var quentaPages = vm.level1List;
-            compare(tabs.titles, quentaPages.concat(["Log", "Send Command"]));
+            compare(tabs.titles, quentaPages.concat(["Monitor", "Log", "Send Command"]));
 
             combo.currentIndex = combo.find("Quenta-Lite");
             combo.activated(combo.currentIndex);
             verify(JSON.stringify(vm.level1List) !== JSON.stringify(quentaPages), "the table did not change");
-            compare(tabs.titles, vm.level1List.concat(["Log", "Send Command"]));
+            compare(tabs.titles, vm.level1List.concat(["Monitor", "Log", "Send Command"]));
             compare(tabs.currentIndex, 0);
             verify(logLines().indexOf("INFO Current selected model is Quenta-Lite") >= 0);
 
