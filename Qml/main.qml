@@ -349,7 +349,7 @@ Rectangle {
                 objectName: "pageTabs"
                 anchors.fill: parent
                 visible: root.connectType === 0
-                titles: root.pageTitles.concat(["Log", "Send Command", "Data Stream", "History"])
+                titles: root.pageTitles.concat(["Monitor", "Log", "Send Command", "Data Stream", "History"])
                 onCurrentIndexChanged: root.showPage(currentIndex)
 
                 Repeater {
@@ -369,6 +369,11 @@ Rectangle {
                         onSaveRequested: root.savePage(page)
                         onErrorRequested: root.callErrorInfoWindow(message)
                     }
+                }
+
+                MonitorPage {
+                    monitor: varkel_manager.monitor
+                    onErrorRequested: root.callErrorInfoWindow(message)
                 }
 
                 LogPage {

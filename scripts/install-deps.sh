@@ -16,6 +16,7 @@ PACKAGES=(
   clang clang-format clang-tidy libclang-rt-14-dev
   fonts-roboto-unhinted
   libqt5svg5
+  libqt5charts5-dev qml-module-qtcharts
   xvfb x11-apps imagemagick xauth python3
   tar
 )

@@ -33,6 +33,12 @@ QtObject {
     // A value the sensor has not sent over this connection (the table's default, or the
     // last one read before a disconnect).
     readonly property color unread: "#676B71"
+    // Lines of the Monitor page, one per series of a chart in turn; a limit's dashes.
+    readonly property var seriesColors: ["#4FC3F7", "#FFB347", "#2ED47A", "#E57373", "#BA68C8", "#FFF176", "#4DB6AC",
+                                         "#F06292"]
+    readonly property color limitLine: "#FF5C5C"
+    readonly property color chartBackground: "#1E1F21"
+    readonly property color chartGrid: "#36383B"
 
     // Fonts
     readonly property string fontFamily: "Roboto"

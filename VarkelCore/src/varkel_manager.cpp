@@ -3,6 +3,7 @@
 #include "varkel_manager.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QSettings>
 #include <QStandardPaths>
 
@@ -13,6 +14,7 @@
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
 #include "manager_catalogue.h"
+#include "monitor_model.h"
 #include "number_text.h"
 #include "serial_client.h"
 #include "serial_source.h"
@@ -34,8 +36,14 @@ VarkelManager* VarkelManager::GetInstance(bool flag, const QString& config_path)
 VarkelManager::VarkelManager(bool flag, const QString& config_path)
     : QObject(nullptr), creation_flag_(flag), config_file_path_(config_path.toStdString()) {
   setObjectName("VarkelManager");
+  monitor_ = new MonitorModel(QFileInfo(SettingsFilePath()).absolutePath() + "/Monitor.ini", this);
+  connect(monitor_, &MonitorModel::logLine, this, &VarkelManager::sendLogMessage);
   ReadSettings();
   emit initInfoChanged();
+}
+
+QObject* VarkelManager::monitor() const {
+  return monitor_;
 }
 
 VarkelManager::~VarkelManager() {

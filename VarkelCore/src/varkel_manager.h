@@ -25,11 +25,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 class QFile;
+class MonitorModel;
 class QProcess;
 class StreamMonitorModel;
 struct VarInfo;
@@ -43,7 +45,8 @@ class SerialSource;
 
 namespace varkel {
 struct ManagerCatalogue;
-}
+struct MonitorPlan;
+}  // namespace varkel
 namespace quarn::journal {
 struct Site;
 }
@@ -90,6 +93,8 @@ class VarkelManager : public QObject {
   // The Data Stream page's figures and diagnosis (stream_monitor_model.h).
   Q_PROPERTY(QObject* streamMonitor READ getStreamMonitor CONSTANT)
   Q_PROPERTY(QObject* history READ history CONSTANT)  // the History page (journal_history.h)
+  // The Monitor page's charts, limits and recording (a MonitorModel).
+  Q_PROPERTY(QObject* monitor READ monitor CONSTANT)
 
  public:
   // Created on the first call, once per process; later calls return the same object and
@@ -108,6 +113,7 @@ class VarkelManager : public QObject {
   void SetVMNowName(QString name);
 
   // Property accessors.
+  QObject* monitor() const;
   QVariantList getMyMap();
   QString getIpAddress() const;
   void setIpAddress(const QString& text);
@@ -295,6 +301,9 @@ class VarkelManager : public QObject {
   int GetInfoFromLidarWithSameCmd(const std::vector<VarInfo*>& vars, bool fov_read, bool timer_round = false);
   // The refresh thread's body: one round every 100 ms while the page-timer flag is set.
   void updatePagesTimer();
+  // Hands the monitor one sample of the variables `plan` names; those in `failed` were not read.
+  void SampleMonitor(const std::string& model, const varkel::MonitorPlan& plan, int64_t t_ms,
+                     const std::set<const VarInfo*>& failed);
   // Cuts `var` out of `output` (the reply to `cmd`) and stores its text. True when stored.
   // `timer_round` reports a given variable's cutting fault to the log pane only once.
   // `fresh` (a write's read, by var_id) keeps the bytes cut.
@@ -437,6 +446,8 @@ class VarkelManager : public QObject {
   // Held across every stop and start of page_timer_thread_.
   std::mutex page_timer_thread_mutex_;
   std::thread page_timer_thread_;
+  // Fed by the refresh thread; a child, so it outlives that thread.
+  MonitorModel* monitor_ = nullptr;
   std::mutex page_timer_wait_mutex_;
   std::condition_variable page_timer_wait_;
 

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <set>
 #include <stdexcept>
 
 #include "config_parser.h"
@@ -14,6 +16,8 @@
 #include "ktc_fov.h"
 #include "logger.h"
 #include "manager_catalogue.h"
+#include "monitor_model.h"
+#include "monitor_plan.h"
 #include "value_text.h"
 #include "variable_io.h"
 #include "varkel_manager.h"
@@ -183,29 +187,57 @@ void VarkelManager::updatePagesTimer() {
   while (page_timer_flag_.load()) {
     auto catalogue = Catalogue();
     const int module = module_index_use_.load();
+    const bool have_table = catalogue && catalogue->parser;
+    // The shown page's timer-marked variables every round; when a monitor sample is due,
+    // every monitored variable of the model too, in the same queries where they share one.
     std::vector<VarInfo*> timed;
-    if (catalogue && catalogue->parser && module >= 0 &&
-        module < static_cast<int>(catalogue->parser->module_vars.size())) {
+    if (have_table && module >= 0 && module < static_cast<int>(catalogue->parser->module_vars.size())) {
       for (const auto& group : catalogue->parser->module_vars[module])
         for (VarInfo* var : group)
           if (var->timer_update) timed.push_back(var);
     }
+    const int64_t now_ms = QDateTime::currentMSecsSinceEpoch();
+    varkel::MonitorPlan plan;
+    if (have_table && monitor_->TakeDue(now_ms)) plan = varkel::PlanMonitor(*catalogue->parser);
+    for (const varkel::MonitorChannel& c : plan.channels)
+      if (std::find(timed.begin(), timed.end(), c.var) == timed.end()) timed.push_back(c.var);
+
     bool read_any = false;
+    std::set<const VarInfo*> failed;
     for (const varkel::ReadGroup& group : varkel::GroupForReading(timed)) {
       // A disconnect need not wait for the rest of a slow round.
       if (!page_timer_flag_.load()) break;
       read_any = true;
+      int ret = -1;
       try {
-        GetInfoFromLidarWithSameCmd(group.vars, false, true);
+        ret = GetInfoFromLidarWithSameCmd(group.vars, false, true);
       } catch (const std::exception& e) {
         Trace("updatePagesTimer", "ERROR " + std::string(e.what()) + ". get_cmd and payload = " + group.key + "\n");
       }
+      if (ret < 0) failed.insert(group.vars.begin(), group.vars.end());
     }
     if (read_any) emit myTimerMapChanged();
+    if (!plan.channels.empty() && page_timer_flag_.load()) SampleMonitor(catalogue->model, plan, now_ms, failed);
 
     std::unique_lock<std::mutex> lock(page_timer_wait_mutex_);
     page_timer_wait_.wait_for(lock, kRefreshPeriod, [this] { return !page_timer_flag_.load(); });
   }
+  // The lines break where the connection ended.
+  monitor_->AddGap(QDateTime::currentMSecsSinceEpoch());
+}
+
+void VarkelManager::SampleMonitor(const std::string& model, const varkel::MonitorPlan& plan, int64_t t_ms,
+                                  const std::set<const VarInfo*>& failed) {
+  std::vector<MonitorModel::Channel> channels;
+  std::vector<double> values;
+  {
+    std::lock_guard<std::mutex> lock(values_mutex_);
+    for (const varkel::MonitorChannel& c : plan.channels) {
+      channels.push_back(MonitorModel::Channel{c.var->var_id, c.name, c.unit});
+      values.push_back(failed.count(c.var) ? NAN : varkel::ValueNumber(c.var->current_val));
+    }
+  }
+  monitor_->AddSample(model, channels, t_ms, values);
 }
 
 // ---- what was read in this connection -------------------------------------------------

@@ -178,6 +178,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     action = [&](const Context& c) { return Bundle(c, file, app.get_option("--host")->count() > 0, bundle_logs); };
   });
 
+  AddWatchCommand(app, ctx, action);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -96,6 +96,17 @@ int Journal(const Context& ctx, const JournalOptions& options);
 // A support bundle at `file`; the connected sensor's parts only `with_sensor` (its logs
 // only with `logs` too).
 int Bundle(const Context& ctx, const std::string& file, bool with_sensor, bool logs);
+struct WatchOptions {
+  std::vector<std::string> names;  // empty: every monitored variable of the model
+  unsigned interval_ms = 1000;
+  uint64_t count = 0;  // 0: until Ctrl-C
+  std::string csv;
+  std::vector<std::string> alerts;  // "NAME<VALUE" / "NAME>VALUE"
+};
+// Status 1 when an alert fired, 3 when the connection was lost (every sample before it written).
+int Watch(const Context& ctx, const WatchOptions& options);
+void AddWatchCommand(CLI::App& app, const Context& ctx, std::function<int()>& action);
+
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 

@@ -25,6 +25,15 @@ bool NameHas(const BankVariable& def, const char* word) {
 constexpr double kDriftAmplitude = 1.5;
 constexpr double kDriftPeriodS = 60.0;
 
+// Noise in [-1, 1] that changes ten times a second, the same for the same time and seed.
+double Noise(double t, uint32_t seed) {
+  uint32_t x = static_cast<uint32_t>(static_cast<int64_t>(t * 10.0)) * 2654435761u ^ seed * 40503u;
+  x ^= x >> 15;
+  x *= 2246822519u;
+  x ^= x >> 13;
+  return static_cast<double>(x % 20001u) / 10000.0 - 1.0;
+}
+
 // Tables show "xxxxxxxx" or "xx.xx.xx.xx" until the first read; a sensor never reports those.
 bool IsPlaceholder(const std::string& text) {
   return text.find_first_not_of("xX.") == std::string::npos;
@@ -53,14 +62,84 @@ RegisterBank::RegisterBank(std::vector<BankVariable> vars, std::string model, bo
     const bool measurement = v.def.set_cmd.empty();
     if (measurement && v.def.var_type == "DT") {
       v.motion = Motion::kCountUp;
-    } else if (measurement && IsNumericType(v.def.var_type) && NameHas(v.def, "temp")) {
-      v.motion = Motion::kDrift;
+    } else if (measurement && IsNumericType(v.def.var_type)) {
+      v.motion = MotionOf(v.def);
     }
     const size_t index = vars_.size();
     if (auto key = ParseCommandText(v.def.get_cmd)) get_cmds_[*key].push_back(index);
     if (auto key = ParseCommandText(v.def.set_cmd)) set_cmds_[*key].push_back(index);
     vars_.push_back(std::move(v));
   }
+}
+
+RegisterBank::Motion RegisterBank::MotionOf(const BankVariable& def) {
+  if (NameHas(def, "temp")) return Motion::kDrift;
+  if (NameHas(def, "voltage")) return Motion::kNoise;
+  if (NameHas(def, "power")) return Motion::kPower;
+  if (NameHas(def, "current")) return Motion::kCurrent;
+  if (NameHas(def, "motor speed")) return Motion::kSpin;
+  if (NameHas(def, "offset")) return Motion::kWander;
+  if (NameHas(def, "frame counter")) return Motion::kFrames;
+  return Motion::kNone;
+}
+
+double RegisterBank::ShownNow(const char* word) const {
+  for (const auto& v : vars_)
+    if (v.def.set_cmd.empty() && IsNumericType(v.def.var_type) && NameHas(v.def, word)) {
+      const auto bytes = Current(v);
+      const auto shown = DecodeNumber(v.def.var_type, bytes, v.store_coef);
+      if (shown) return *shown;
+    }
+  return NAN;
+}
+
+double RegisterBank::Moved(const Var& v, double base, double t) const {
+  const auto seed = static_cast<uint32_t>(std::hash<std::string>{}(v.def.var_id));
+  switch (v.motion) {
+    case Motion::kDrift:
+      return base + kDriftAmplitude * std::sin(2.0 * M_PI * t / kDriftPeriodS);
+    case Motion::kNoise:
+      return base * (1.0 + 0.002 * Noise(t, seed));
+    case Motion::kPower:
+      // The laser and the heaters draw more as the board warms: power follows the drift.
+      return base * (1.0 + 0.03 * std::sin(2.0 * M_PI * t / kDriftPeriodS) + 0.005 * Noise(t, seed));
+    case Motion::kCurrent: {
+      const double power = ShownNow("power");
+      const double volts = ShownNow("voltage");
+      if (std::isnan(power) || std::isnan(volts) || volts <= 0) return base * (1.0 + 0.005 * Noise(t, seed));
+      return power / volts;
+    }
+    case Motion::kSpin: {
+      double set = base;
+      for (const auto& s : vars_)
+        if (!s.def.set_cmd.empty() && NameHas(s.def, "spin rate"))
+          if (auto rate = DecodeNumber(s.def.var_type, s.bytes, s.store_coef)) set = *rate;
+      return set * (1.0 + 0.002 * Noise(t, seed));
+    }
+    case Motion::kWander:
+      return base + 40.0 * std::sin(t / 7.0) + 15.0 * std::sin(t / 2.3) + 5.0 * Noise(t, seed);
+    case Motion::kFrames:
+      return base + std::floor(t * 10.0);
+    case Motion::kNone:
+    case Motion::kCountUp:
+      break;
+  }
+  return base;
+}
+
+bool RegisterBank::StartExcursions(const std::vector<Excursion>& excursions, std::string* error) {
+  std::lock_guard<std::mutex> lock(mu_);
+  excursion_start_ = std::chrono::steady_clock::now();
+  for (auto& v : vars_) v.excursion.reset();
+  for (const Excursion& e : excursions) {
+    Var* v = Find(e.name);
+    if (!v || !IsNumericType(v->def.var_type) || e.seconds <= 0) {
+      if (error) *error = "--excursion: " + e.name + " is no numeric variable of " + model_;
+      return false;
+    }
+    v->excursion = e;
+  }
+  return true;
 }
 
 std::string RegisterBank::PlausibleText(const BankVariable& def) const {
@@ -84,9 +163,11 @@ std::string RegisterBank::PlausibleText(const BankVariable& def) const {
 }
 
 std::vector<uint8_t> RegisterBank::Current(const Var& v) const {
-  if (!live_ || v.motion == Motion::kNone) return v.bytes;
-  const double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - v.base_time).count();
-  if (v.motion == Motion::kCountUp) {
+  const bool moving = live_ && v.motion != Motion::kNone;
+  if (!moving && !v.excursion) return v.bytes;
+  const auto now = std::chrono::steady_clock::now();
+  const double t = std::chrono::duration<double>(now - v.base_time).count();
+  if (moving && v.motion == Motion::kCountUp) {
     uint64_t s = 0;
     for (uint8_t b : v.bytes) s = (s << 8) | b;
     s += static_cast<uint64_t>(t);
@@ -96,7 +177,13 @@ std::vector<uint8_t> RegisterBank::Current(const Var& v) const {
   }
   const auto base = DecodeNumber(v.def.var_type, v.bytes, v.store_coef);
   if (!base) return v.bytes;
-  const double shown = *base + kDriftAmplitude * std::sin(2.0 * M_PI * t / kDriftPeriodS);
+  double shown = moving ? Moved(v, *base, t) : *base;
+  if (v.excursion) {
+    // Up over the first stretch, down over the second, then back to normal.
+    const double e = std::chrono::duration<double>(now - excursion_start_).count() / v.excursion->seconds;
+    const double rise = e < 1 ? e : e < 2 ? 2 - e : 0;
+    shown += v.excursion->delta * rise;
+  }
   auto moved = EncodeNumber(v.def.var_type, shown, v.store_coef, v.bytes.size());
   return moved ? *moved : v.bytes;
 }

@@ -34,6 +34,14 @@ struct BankVariable {
   int component_type = -1;  // the page control: 4 = firmware upgrade area
 };
 
+// A variable pushed up by `delta` over `seconds` and back down over the next `seconds`,
+// so that alerts can be shown and tested.
+struct Excursion {
+  std::string name;  // var_name or var_id
+  double delta = 0;
+  double seconds = 1;
+};
+
 class RegisterBank {
  public:
   struct Answer {
@@ -54,6 +62,9 @@ class RegisterBank {
   bool SetValue(const std::string& name_or_id, const std::string& text);
   std::vector<std::string> VariableIds() const;
 
+  // Starts the excursions now; false with the reason when one names no numeric variable.
+  bool StartExcursions(const std::vector<Excursion>& excursions, std::string* error);
+
   // Every field back to the value it had when the bank was made from the table.
   void RestoreDefaults();
   // A restart: run times ("DT") start again from zero, except the totals (a "DT" whose
@@ -61,7 +72,10 @@ class RegisterBank {
   void RestartRunTimes();
 
  private:
-  enum class Motion { kNone, kCountUp, kDrift };
+  // kNoise: a supply with a little ripple; kPower/kCurrent: power wanders with the
+  // temperatures and the current is power over voltage; kSpin: around the spin rate set;
+  // kWander: a time-sync offset; kFrames: a counter at the frame rate.
+  enum class Motion { kNone, kCountUp, kDrift, kNoise, kPower, kCurrent, kSpin, kWander, kFrames };
   struct Var {
     BankVariable def;
     float store_coef = 1.0f;             // coefficient of the bytes held (the get side's when readable)
@@ -69,14 +83,19 @@ class RegisterBank {
     std::vector<uint8_t> default_bytes;  // the table's starting value
     std::chrono::steady_clock::time_point base_time;
     Motion motion = Motion::kNone;
+    std::optional<Excursion> excursion;
   };
 
   const Var* Find(const std::string& name_or_id) const;
   Var* Find(const std::string& name_or_id);
   // The field now: moving values are worked out from their base and the clock.
   std::vector<uint8_t> Current(const Var& v) const;
+  // The moving value of a measurement at `t` seconds after its base, as shown.
+  double Moved(const Var& v, double base, double t) const;
+  double ShownNow(const char* word) const;  // the first numeric measurement named so, or NaN
   void Store(Var& v, std::vector<uint8_t> bytes);
   std::string PlausibleText(const BankVariable& def) const;
+  static Motion MotionOf(const BankVariable& def);
   Answer Get(const CommandKey& key, const std::vector<size_t>& members);
   Answer Set(const CommandKey& key, const std::vector<size_t>& members, const std::vector<uint8_t>& payload);
 
@@ -88,6 +107,7 @@ class RegisterBank {
   std::vector<Var> vars_;
   std::map<CommandKey, std::vector<size_t>> get_cmds_;
   std::map<CommandKey, std::vector<size_t>> set_cmds_;
+  std::chrono::steady_clock::time_point excursion_start_;
 };
 
 }  // namespace varkel::sim

@@ -60,6 +60,8 @@ std::string SimUsage() {
          "\n"
          "  --fleet N             N sensors on --host and the addresses after it, one port, each\n"
          "                        its own serial number (loopback 127.0.0.0/8 only)\n"
+         "  --excursion NAME:DELTA:SECONDS  ramp a variable up by DELTA over SECONDS from the\n"
+         "                        moment it listens, and back down over the next SECONDS\n"
          "  --tls                 serve KTC over TLS (needs --cert and --key)\n"
          "  --cert FILE           the sensor's certificate (PEM), with its chain\n"
          "  --key FILE            the certificate's private key (PEM)\n"
@@ -146,6 +148,27 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
         return false;
       }
       out->options.log_size = static_cast<uint32_t>(v);
+    } else if (a == "--excursion") {
+      if (!need(i, a)) return false;
+      // The name may hold blanks and colons of its own: the numbers are the last two fields.
+      const std::string& e = args[++i];
+      const size_t c2 = e.rfind(':');
+      const size_t c1 = c2 == std::string::npos || c2 == 0 ? std::string::npos : e.rfind(':', c2 - 1);
+      Excursion x;
+      char* end1 = nullptr;
+      char* end2 = nullptr;
+      if (c1 != std::string::npos && c1 > 0) {
+        x.name = e.substr(0, c1);
+        const std::string delta = e.substr(c1 + 1, c2 - c1 - 1), seconds = e.substr(c2 + 1);
+        x.delta = std::strtod(delta.c_str(), &end1);
+        x.seconds = std::strtod(seconds.c_str(), &end2);
+        if (delta.empty() || seconds.empty() || *end1 || *end2 || !(x.seconds > 0)) end1 = nullptr;
+      }
+      if (!end1) {
+        *error = "--excursion wants NAME:DELTA:SECONDS (SECONDS above 0), got \"" + e + "\"";
+        return false;
+      }
+      out->options.excursions.push_back(x);
     } else if (a == "--fail") {
       if (!need(i, a)) return false;
       std::string fail_arg = args[++i];

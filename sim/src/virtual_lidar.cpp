@@ -92,7 +92,7 @@ bool VirtualLidar::Start(std::string* error) {
     restart_step_ = RestartStep::kNone;
   }
   running_.store(true);
-  if (!StartKtc(error) || (opt_.serial && !StartSerial(error))) {
+  if (!StartKtc(error) || (opt_.serial && !StartSerial(error)) || !bank_->StartExcursions(opt_.excursions, error)) {
     Stop();
     return false;
   }

@@ -24,6 +24,7 @@
 #include "failure_mode.h"
 #include "file_receiver.h"
 #include "fov_block.h"
+#include "register_bank.h"
 #include "small_sensor.h"
 #include "tls_server.h"
 
@@ -55,6 +56,8 @@ struct SimOptions {
   std::string tls_cert;
   std::string tls_key;
   std::string tls_client_ca;
+  // Ramps from the moment the lidar listens (they move even without live values).
+  std::vector<Excursion> excursions;
 };
 
 class RegisterBank;

@@ -20,4 +20,5 @@ varkel_add_gtest(varkel_manager_tests
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/network_fault_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/soak_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_stream_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_monitor_test.cpp
   LIBS VarkelCore varkel_sim Qt5::Core Qt5::Test)

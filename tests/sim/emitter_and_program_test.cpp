@@ -128,15 +128,20 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
   using varkel::sim::ParseSimCommandLine;
   varkel::sim::SimCommandLine cl;
   std::string error;
-  ASSERT_TRUE(ParseSimCommandLine(
-      {"--model", "Zelto-KTC", "--port", "0", "--ktc-version", "2", "--serial", "--udp", "127.0.0.1:2368", "--fail",
-       "delay:0x07:500", "--fail", "no-reply", "--verbose", "--restart-delay", "250", "--log-size", "16777216"},
-      &cl, &error))
+  ASSERT_TRUE(ParseSimCommandLine({"--model",        "Zelto-KTC", "--port",          "0",
+                                   "--ktc-version",  "2",         "--serial",        "--udp",
+                                   "127.0.0.1:2368", "--fail",    "delay:0x07:500",  "--fail",
+                                   "no-reply",       "--verbose", "--restart-delay", "250",
+                                   "--log-size",     "16777216",  "--excursion",     "Laser Temperature:-12.5:30"},
+                                  &cl, &error))
       << error;
   const auto& op = cl.options;
   EXPECT_EQ(std::make_tuple(op.model, op.port, op.ktc_version, op.serial, op.udp_target, op.udp_rate, op.verbose),
             std::make_tuple(std::string("Zelto-KTC"), uint16_t{0}, 2, true, std::string("127.0.0.1:2368"), 10, true));
   EXPECT_EQ(std::make_pair(op.restart_delay_ms, op.log_size), std::make_pair(250, 16777216u));
+  ASSERT_EQ(op.excursions.size(), 1u);
+  EXPECT_EQ(std::make_tuple(op.excursions[0].name, op.excursions[0].delta, op.excursions[0].seconds),
+            std::make_tuple(std::string("Laser Temperature"), -12.5, 30.0));
   ASSERT_EQ(cl.failures.size(), 2u);
   EXPECT_EQ(std::make_tuple(cl.failures[0].mode, cl.failures[0].cmd, cl.failures[0].param),
             std::make_tuple(FailureMode::kDelay, 7, 500));
@@ -176,6 +181,10 @@ TEST(SimCommandLine, ParsesOptionsRefusesNonsenseAndFindsTheTables) {
       {"--fleet", "0"},
       {"--fleet", "2", "--serial"},
       {"--fail", "no-reply@127.0.0.5"},
+      {"--excursion", "Laser Temperature:10"},
+      {"--excursion", ":10:5"},
+      {"--excursion", "Laser Temperature:10:0"},
+      {"--excursion", "Laser Temperature:ten:5"},
   };
   for (const auto& bad : bad_lines) {
     varkel::sim::SimCommandLine c;

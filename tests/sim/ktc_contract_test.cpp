@@ -344,6 +344,15 @@ TEST(SimStart, LiveValuesMove) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_NE(quenta->Value("Main Board Temperature"), board);
   EXPECT_EQ(quenta->Value("Overtemperature Threshold"), threshold);
+
+  // The motor follows the spin rate set; current, power and voltage agree with each other.
+  ASSERT_TRUE(quenta->SetValue("Spin Rate", "1200"));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_NEAR(std::stod(quenta->Value("Motor Speed")), 1200, 1200 * 0.003);
+    const double volts = std::stod(quenta->Value("Input Voltage"));
+    const double watts = std::stod(quenta->Value("Power Consumption"));
+    EXPECT_NEAR(std::stod(quenta->Value("Input Current")), watts / volts, 0.011);
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Qt Quick Test runner for the main window: every test builds the real main.qml on a
 // fresh controller, connected (when it connects) to an in-process virtual lidar.
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
 #include <QDropEvent>
@@ -227,6 +228,9 @@ int main(int argc, char** argv) {
   // As the program names itself: the file dialogs keep their settings under this name.
   QCoreApplication::setOrganizationName(QStringLiteral("QuarnTech"));
   QCoreApplication::setOrganizationDomain(QStringLiteral("quarntech.example"));
+  // The charts draw through the graphics view, which needs the widget application the
+  // program itself runs.
+  QApplication app(argc, argv);
   Harness harness(&sim);
   harness.SetSettings(home.path() + "/Documents/VelmoraDataFiles/RecvSettings.ini",
                       QStringLiteral("[General]\ndevice_ip_address=127.0.0.1\nktc_port=%1\n").arg(sim.port()).toUtf8());

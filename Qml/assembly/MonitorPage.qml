@@ -1,0 +1,157 @@
+import QtQuick 2.15
+import QtQuick.Controls 2.15
+import QtQuick.Layouts 1.15
+import "."
+
+// The Monitor page: the model's timer-marked numbers over time, one chart per unit, with
+// the sampling period, the time window, pause, limits, a CSV recording and a PNG.
+Item {
+    id: page
+    objectName: "monitorPage"
+    property var monitor: null
+    signal errorRequested(string message)
+
+    // Read once per sample for every chart, and not at all while another page is shown.
+    readonly property var stats: visible && monitor ? monitor.series : []
+    readonly property var periods: [100, 200, 500, 1000, 2000, 5000, 10000, 30000, 60000]
+
+    Connections {
+        target: page.monitor
+        function onStatsChanged() { if (page.visible) page.refreshCharts(); }
+        function onAlertRaised(text) { alertNotice.show(text); }
+        function onProblem(text) { page.errorRequested(text); }
+    }
+    onVisibleChanged: if (visible) refreshCharts()
+
+    function refreshCharts() {
+        for (var i = 0; i < charts.count; ++i) {
+            var c = charts.itemAt(i);
+            if (c) c.refresh();
+        }
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        anchors.margins: Theme.margin
+        spacing: Theme.spacing
+
+        RowLayout {
+            spacing: Theme.spacing
+            FieldLabel { text: "Sample every" }
+            DefaultComboBox {
+                objectName: "monitorPeriod"
+                model: page.periods.map(function (ms) { return ms < 1000 ? ms + " ms" : ms / 1000 + " s"; })
+                currentIndex: page.monitor ? page.periods.indexOf(page.monitor.periodMs) : 3
+                onActivated: page.monitor.periodMs = page.periods[index]
+            }
+            FieldLabel { text: "Show" }
+            DefaultComboBox {
+                objectName: "monitorWindow"
+                model: page.monitor ? page.monitor.windowNames : []
+                currentIndex: page.monitor ? page.monitor.windowIndex : 0
+                onActivated: page.monitor.windowIndex = index
+            }
+            DefaultToolButton {
+                objectName: "monitorPause"
+                secondary: true
+                text: page.monitor && page.monitor.paused ? "Resume" : "Pause"
+                onClicked: page.monitor.paused = !page.monitor.paused
+            }
+            Item { Layout.fillWidth: true }
+            Text {
+                text: page.monitor && page.monitor.recording ? "Recording to " + page.monitor.recordingPath
+                                                             : page.monitor ? page.monitor.sampleCount + " samples" : ""
+                color: page.monitor && page.monitor.recording ? Theme.live : Theme.textDim
+                font.family: Theme.fontFamily
+                font.pixelSize: Theme.fontSizeSmall
+                elide: Text.ElideMiddle
+                Layout.maximumWidth: 420
+            }
+            DefaultToolButton {
+                objectName: "monitorRecord"
+                text: page.monitor && page.monitor.recording ? "Stop recording" : "Record..."
+                onClicked: page.monitor.recording ? page.monitor.stopRecording() : recordDialog.open()
+            }
+            DefaultToolButton {
+                secondary: true
+                text: "Save chart as PNG"
+                onClicked: pngDialog.open()
+            }
+        }
+
+        Text {
+            visible: charts.count === 0
+            text: "Connect to a sensor: its periodically refreshed values are charted here."
+            color: Theme.textDim
+            font.family: Theme.fontFamily
+            font.pixelSize: Theme.fontSize
+        }
+
+        ScrollView {
+            id: scroll
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            clip: true
+            contentWidth: availableWidth
+
+            Column {
+                id: chartColumn
+                width: scroll.availableWidth
+                spacing: Theme.spacing
+                Repeater {
+                    id: charts
+                    model: page.monitor ? page.monitor.charts : []
+                    delegate: MonitorChart {
+                        width: chartColumn.width
+                        monitor: page.monitor
+                        chartIndex: index
+                        title: modelData.title
+                        members: modelData.members
+                        stats: page.stats
+                        onErrorRequested: page.errorRequested(message)
+                    }
+                }
+            }
+        }
+    }
+
+    NoticeWindow {
+        id: alertNotice
+        objectName: "monitorAlert"
+        title: "Limit crossed"
+        glyph: "!"
+        accentColor: Theme.warning
+    }
+
+    Loader {
+        id: recordDialog
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            title: "Record to"
+            selectExisting: false
+            nameFilters: ["CSV files (*.csv)", "All files (*)"]
+            onAccepted: page.monitor.startRecording(fileUrl)
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
+    }
+    Loader {
+        id: pngDialog
+        active: false
+        sourceComponent: DocumentsFileDialog {
+            title: "Save the charts as"
+            selectExisting: false
+            nameFilters: ["PNG images (*.png)"]
+            onAccepted: {
+                var path = page.monitor.pngPath(fileUrl);
+                chartColumn.grabToImage(function (result) { page.monitor.reportPng(result.saveToFile(path), path); });
+            }
+        }
+        function open() {
+            active = true;
+            item.open();
+        }
+    }
+}

@@ -1,0 +1,96 @@
+// The bounded history of a series: what ages into buckets, what decimation keeps, and
+// that a missing value stays a break in the line however the data is reduced.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "series_buffer.h"
+
+namespace {
+
+using quarn::monitor::Point;
+using quarn::monitor::SeriesBuffer;
+
+// Breaks in the drawn line: runs of gap points.
+int Gaps(const std::vector<Point>& points) {
+  int n = 0;
+  for (size_t i = 0; i < points.size(); ++i) n += points[i].gap() && (i == 0 || !points[i - 1].gap());
+  return n;
+}
+
+TEST(SeriesBuffer, DecimationKeepsExtremesInOrderAndNeverMorePointsThanColumns) {
+  SeriesBuffer buffer;
+  // 10 Hz for ten minutes: a sine with one spike up and one down.
+  for (int i = 0; i < 6000; ++i) {
+    double v = std::sin(i / 100.0);
+    if (i == 1234) v = 50;
+    if (i == 4321) v = -50;
+    buffer.Append(i * 100, v);
+  }
+  const auto points = buffer.Decimate(0, 600000, 100);
+  EXPECT_LE(points.size(), 200u);
+  double lo = 0, hi = 0;
+  for (size_t i = 0; i < points.size(); ++i) {
+    lo = std::min(lo, points[i].value);
+    hi = std::max(hi, points[i].value);
+    if (i > 0) EXPECT_LE(points[i - 1].t_ms, points[i].t_ms);
+  }
+  EXPECT_EQ(hi, 50);
+  EXPECT_EQ(lo, -50);
+  // A narrow window picks only its own points, the bounds included.
+  const auto narrow = buffer.Decimate(1000, 1200, 1000);
+  ASSERT_EQ(narrow.size(), 3u);
+  EXPECT_EQ(narrow.front().t_ms, 1000);
+  EXPECT_EQ(narrow.back().t_ms, 1200);
+  EXPECT_TRUE(buffer.Decimate(700000, 800000, 100).empty());
+  EXPECT_TRUE(buffer.Decimate(100, 100, 100).empty());
+}
+
+TEST(SeriesBuffer, GapsStayGapsInTheRingAndInBuckets) {
+  SeriesBuffer::Config config;
+  config.full_rate_ms = 10000;
+  config.bucket_ms = 1000;
+  SeriesBuffer buffer(config);
+  for (int i = 0; i < 300; ++i) {
+    // Seconds 5 and 6 of every 20 were not read: a pulled cable.
+    if (i % 20 == 5 || i % 20 == 6)
+      buffer.AppendGap(i * 1000);
+    else
+      buffer.Append(i * 1000, 1.0);
+  }
+  // The ring part, reduced little and much: one break per outage either way.
+  EXPECT_EQ(Gaps(buffer.Decimate(280000, 299000, 1000)), 1);
+  EXPECT_EQ(Gaps(buffer.Decimate(280000, 299000, 10)), 1);
+  // The bucket part keeps them too.
+  EXPECT_GT(buffer.bucket_count(), 0u);
+  EXPECT_EQ(Gaps(buffer.Decimate(0, 199000, 1000)), 10);
+  const auto stats = buffer.Stats(0, 299000);
+  EXPECT_EQ(stats.count, 270u);
+  EXPECT_EQ(stats.mean, 1.0);
+}
+
+TEST(SeriesBuffer, MemoryIsBoundedAndOldDataKeepsItsRange) {
+  SeriesBuffer::Config config;
+  config.full_rate_ms = 60000;
+  config.bucket_ms = 1000;
+  config.max_buckets = 64;
+  SeriesBuffer buffer(config);
+  // A day at 10 Hz: a ramp whose extremes are at the very start and end.
+  const int64_t day = 24LL * 3600 * 1000;
+  for (int64_t t = 0; t <= day; t += 100) buffer.Append(t, static_cast<double>(t) / day);
+  EXPECT_LE(buffer.bucket_count(), 64u);
+  EXPECT_LE(buffer.recent_size(), 601u);
+  EXPECT_LT(buffer.MemoryBytes(), 64u * 1024);
+  const auto stats = buffer.Stats(0, day);
+  EXPECT_EQ(stats.min, 0.0);
+  EXPECT_EQ(stats.max, 1.0);
+  EXPECT_EQ(stats.current, 1.0);
+  EXPECT_NEAR(stats.mean, 0.5, 1e-6);
+  EXPECT_EQ(buffer.first_ms(), 0);
+  // A sample from the past is dropped, not inserted out of order.
+  buffer.Append(5, 99);
+  EXPECT_EQ(buffer.Stats(0, day).max, 1.0);
+}
+
+}  // namespace
