@@ -9,6 +9,8 @@
 #include <iostream>
 
 #include "commands.h"
+#include "completion.h"
+#include "varkel_version.h"
 
 namespace varkel::cli {
 
@@ -22,6 +24,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
 
   CLI::App app{"Inspect and configure lidar sensors from a terminal.", "varkel-cli"};
   app.require_subcommand(1, 1);
+  app.set_version_flag("--version", std::string("varkel-cli ") + VARKEL_VERSION,
+                       "print the program's version and exit");
   // Connection options may stand before or after the command.
   app.fallthrough();
   // A later option wins, so a script can override what an alias put first.
@@ -127,11 +131,23 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   scan->add_option("--ports", ports, "ports to try, comma-separated (default: --port)");
   scan->callback([&] { action = [&] { return Scan(ctx, network, ports); }; });
 
+  std::string shell;
+  auto* completion = app.add_subcommand("completion", "print a completion script for bash or zsh");
+  completion->add_option("shell", shell, "bash or zsh")->required()->check(CLI::IsMember({"bash", "zsh"}));
+  completion->callback([&] {
+    action = [&] {
+      out << (shell == "bash" ? BashCompletion(app) : ZshCompletion(app));
+      return 0;
+    };
+  });
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e, out, err);
   } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e, out, err);
+  } catch (const CLI::CallForVersion& e) {
     return app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
     err << "varkel-cli: " << e.what() << "\n";
