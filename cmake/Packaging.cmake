@@ -109,6 +109,11 @@ if(VARKEL_RSVG_CONVERT)
   endforeach()
 endif()
 
+# CPack installs without building everything first: scripts/package.sh builds just the
+# programs and the files above, so packaging never costs a second full build (tests,
+# benchmarks). `cmake --install` likewise expects a built tree.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME varkel)
 set(CPACK_PACKAGE_VENDOR QuarnTech)
@@ -126,35 +131,38 @@ set(_data "varkel-data (= ${PROJECT_VERSION})")
 
 set(CPACK_DEBIAN_VARKEL_PACKAGE_NAME varkel)
 set(CPACK_DEBIAN_VARKEL_PACKAGE_DEPENDS
-    "${_data}, tar, libqt5svg5, qml-module-qtquick2, qml-module-qtquick-controls, qml-module-qtquick-controls2, qml-module-qtquick-layouts, qml-module-qtquick-dialogs, qml-module-qtquick-window2")
+    "${_data}, tar (>= 1.30), libqt5svg5, qml-module-qtquick2, qml-module-qtquick-controls, qml-module-qtquick-controls2, qml-module-qtquick-layouts, qml-module-qtquick-dialogs, qml-module-qtquick-window2")
 set(CPACK_DEBIAN_VARKEL_PACKAGE_RECOMMENDS "varkel-cli, varkel-sim")
 set(CPACK_DEBIAN_VARKEL_DESCRIPTION "inspect and configure a lidar sensor
-Varkel is a desktop tool with which an engineer inspects and configures a lidar
-sensor over TCP or TLS, over serial lines, or through a small serial sensor. What a
-model can read and set comes from a table per model. Around that: a raw command
-console, firmware upgrade, log download, restart and reset.")
+Varkel is a desktop tool with which an engineer inspects and configures
+a lidar sensor over TCP or TLS, over serial lines, or through a small
+serial sensor. What a model can read and set comes from a table per
+model. Around that: a raw command console, firmware upgrade, log
+download, restart and reset.")
 
 set(CPACK_DEBIAN_CLI_PACKAGE_NAME varkel-cli)
-set(CPACK_DEBIAN_CLI_PACKAGE_DEPENDS "${_data}, tar")
+set(CPACK_DEBIAN_CLI_PACKAGE_DEPENDS "${_data}, tar (>= 1.30)")
 set(CPACK_DEBIAN_CLI_DESCRIPTION "lidar sensor configuration from a terminal
-varkel-cli does the reading and writing of the Varkel window from a terminal, for
-scripts and production lines: backup, set, diff, restore, firmware upgrade, logs
-and network scans, with JSON output and bash and zsh completion.")
+varkel-cli does the reading and writing of the Varkel window from a
+terminal, for scripts and production lines: backup, set, diff, restore,
+firmware upgrade, logs and network scans, with JSON output and bash and
+zsh completion.")
 
 set(CPACK_DEBIAN_SIM_PACKAGE_NAME varkel-sim)
 set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS "${_data}")
 set(CPACK_DEBIAN_SIM_DESCRIPTION "virtual lidar for trying Varkel without a sensor
-varkel-sim answers the sensor's command protocol on TCP or TLS as a sensor of the
-chosen model would, from the same model tables Varkel reads; it can also open serial
-lines, stream datagrams and misbehave the way broken sensors do.")
+varkel-sim answers the sensor's command protocol on TCP or TLS as a
+sensor of the chosen model would, from the same model tables Varkel
+reads; it can also open serial lines, stream datagrams and misbehave the
+way broken sensors do.")
 
 set(CPACK_DEBIAN_DATA_PACKAGE_NAME varkel-data)
 set(CPACK_DEBIAN_DATA_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DATA_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DATA_PACKAGE_DEPENDS "fonts-roboto-unhinted")
 set(CPACK_DEBIAN_DATA_DESCRIPTION "model tables and images for Varkel
-The per-model tables that say what each lidar model can read and set, the images
-of the Varkel window, and links to the fonts it shows. Varkel, varkel-cli and
-varkel-sim read them from /usr/share/varkel.")
+The per-model tables that say what each lidar model can read and set,
+the images of the Varkel window, and links to the fonts it shows.
+Varkel, varkel-cli and varkel-sim read them from /usr/share/varkel.")
 
 include(CPack)

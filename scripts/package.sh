@@ -19,5 +19,5 @@ ls -1 build-deb/*.deb
 
 desktop-file-validate packaging/varkel.desktop
 appstreamcli validate --no-net build/package-files/example.quarntech.Varkel.metainfo.xml
-lintian --fail-on error --no-tag-display-limit build-deb/*.deb
+lintian --fail-on error --tag-display-limit 0 build-deb/*.deb
 echo "package: packages in build-deb/, lintian without errors"
