@@ -142,6 +142,8 @@ download, restart and reset.")
 
 set(CPACK_DEBIAN_CLI_PACKAGE_NAME varkel-cli)
 set(CPACK_DEBIAN_CLI_PACKAGE_DEPENDS "${_data}, tar (>= 1.30)")
+# bash loads the completion script only through bash-completion.
+set(CPACK_DEBIAN_CLI_PACKAGE_RECOMMENDS "bash-completion")
 set(CPACK_DEBIAN_CLI_DESCRIPTION "lidar sensor configuration from a terminal
 varkel-cli does the reading and writing of the Varkel window from a
 terminal, for scripts and production lines: backup, set, diff, restore,
