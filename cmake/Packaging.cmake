@@ -68,7 +68,9 @@ if(VARKEL_RSVG_CONVERT)
 else()
   message(STATUS "rsvg-convert not found: packages carry the SVG icon only (scripts/package.sh installs it)")
 endif()
-add_custom_target(varkel_package_files ALL DEPENDS ${_outputs})
+# Not part of every build: a sanitizer build could not run its own varkel-cli here, and
+# only packaging needs these files (scripts/package.sh builds the target).
+add_custom_target(varkel_package_files DEPENDS ${_outputs})
 
 # The data: tables, images, and the fonts as relative links into fonts-roboto-unhinted.
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/Config/ DESTINATION share/varkel/Config COMPONENT data EXCLUDE_FROM_ALL)
