@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QFont>
 #include <QIcon>
+#include <cstdio>
 
 #include "font_loader.h"
 #include "install_root.h"
@@ -17,6 +18,7 @@
 #include "render_choice.h"
 #include "scale_factor.h"
 #include "screen_metrics.h"
+#include "varkel_version.h"
 
 namespace {
 
@@ -48,6 +50,11 @@ void SetWindowIcon() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  const QString answer = varkel::app::EarlyAnswer(argc, argv);
+  if (!answer.isEmpty()) {
+    std::fputs(answer.toLocal8Bit().constData(), stdout);
+    return 0;
+  }
   const QPalette palette = PrepareBeforeApplication(argc, argv);
 
   QApplication app(argc, argv);
@@ -65,7 +72,7 @@ int main(int argc, char* argv[]) {
 
   QCoreApplication::setOrganizationName(QStringLiteral("QuarnTech"));
   QCoreApplication::setOrganizationDomain(QStringLiteral("quarntech.example"));
-  QCoreApplication::setApplicationVersion(QStringLiteral("1.0.1"));
+  QCoreApplication::setApplicationVersion(QStringLiteral(VARKEL_VERSION));
 
   SetWindowIcon();
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages Varkel needs to build, test and run.
-# Idempotent: packages already present are not fetched again.
+# Idempotent: packages already present are not fetched again. Extra package names given
+# as arguments are installed too.
 set -euo pipefail
 
 PACKAGES=(
@@ -20,6 +21,8 @@ PACKAGES=(
   xvfb x11-apps imagemagick xauth python3
   tar
 )
+# Callers add what only they need (scripts/package.sh: the packaging tools).
+PACKAGES+=("$@")
 
 missing=()
 for p in "${PACKAGES[@]}"; do

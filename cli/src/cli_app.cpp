@@ -9,7 +9,9 @@
 #include <iostream>
 
 #include "commands.h"
+#include "completion.h"
 #include "journal.h"
+#include "varkel_version.h"
 
 namespace varkel::cli {
 
@@ -24,6 +26,8 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
 
   CLI::App app{"Inspect and configure lidar sensors from a terminal.", "varkel-cli"};
   app.require_subcommand(1, 1);
+  app.set_version_flag("--version", std::string("varkel-cli ") + VARKEL_VERSION,
+                       "print the program's version and exit");
   // Connection options may stand before or after the command.
   app.fallthrough();
   // A later option wins, so a script can override what an alias put first.
@@ -178,13 +182,25 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     action = [&](const Context& c) { return Bundle(c, file, app.get_option("--host")->count() > 0, bundle_logs); };
   });
 
-  AddWatchCommand(app, ctx, action);
+  AddWatchCommand(app, action);
+
+  std::string shell;
+  auto* completion = app.add_subcommand("completion", "print a completion script for bash or zsh");
+  completion->add_option("shell", shell, "bash or zsh")->required()->check(CLI::IsMember({"bash", "zsh"}));
+  completion->callback([&] {
+    action = [&](const Context&) {
+      out << (shell == "bash" ? BashCompletion(app) : ZshCompletion(app));
+      return 0;
+    };
+  });
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e, out, err);
   } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e, out, err);
+  } catch (const CLI::CallForVersion& e) {
     return app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
     err << "varkel-cli: " << e.what() << "\n";

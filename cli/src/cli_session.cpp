@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "change_journal.h"
+#include "data_root.h"
 #include "ktc_fov.h"
 #include "str_parser.h"
 #include "var_info.h"
@@ -80,14 +81,7 @@ void ApplySettingsFile(const std::string& path, ConnectionOptions& options) {
 }
 
 std::string DefaultConfigDir() {
-  namespace fs = std::filesystem;
-  std::error_code ec;
-  const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-  if (!ec) {
-    const fs::path dir = exe.parent_path().parent_path() / "Config" / "varID";
-    if (fs::is_directory(dir, ec)) return dir.string();
-  }
-  return "./Config/varID";
+  return quarn::DefaultModelTableDir(quarn::ExecutablePath());
 }
 
 std::unique_ptr<ConfigParser> LoadModel(const std::string& dir, const std::string& model) {

@@ -58,7 +58,8 @@ class TlsRefused : public CliError {
 std::string SettingsFilePath();
 void ApplySettingsFile(const std::string& path, ConnectionOptions& options);
 
-// Config/varID beside the program's bin folder when it exists, else ./Config/varID.
+// Config/varID below the program's data root (beside bin/, else <prefix>/share/varkel),
+// else ./Config/varID.
 std::string DefaultConfigDir();
 
 // The table of `model`, or CliError naming the model and the models there are.

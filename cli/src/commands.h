@@ -105,7 +105,7 @@ struct WatchOptions {
 };
 // Status 1 when an alert fired, 3 when the connection was lost (every sample before it written).
 int Watch(const Context& ctx, const WatchOptions& options);
-void AddWatchCommand(CLI::App& app, const Context& ctx, std::function<int()>& action);
+void AddWatchCommand(CLI::App& app, std::function<int(const Context&)>& action);
 
 // Runs the command line; the program's main and the tests call it alike.
 int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& err);

@@ -180,7 +180,7 @@ int Watch(const Context& ctx, const WatchOptions& options) {
   return alerted ? kExitDiffers : 0;
 }
 
-void AddWatchCommand(CLI::App& app, const Context& ctx, std::function<int()>& action) {
+void AddWatchCommand(CLI::App& app, std::function<int(const Context&)>& action) {
   auto options = std::make_shared<WatchOptions>();
   auto* watch =
       app.add_subcommand("watch", "sample the monitored variables at an interval (exit status 1 when an alert fired)");
@@ -192,7 +192,7 @@ void AddWatchCommand(CLI::App& app, const Context& ctx, std::function<int()>& ac
   watch->add_option("--csv", options->csv, "record to this CSV file as well");
   watch->add_option("--alert", options->alerts, "\"NAME<VALUE\" or \"NAME>VALUE\": a line on standard error")
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  watch->callback([&ctx, &action, options] { action = [&ctx, options] { return Watch(ctx, *options); }; });
+  watch->callback([&action, options] { action = [options](const Context& c) { return Watch(c, *options); }; });
 }
 
 }  // namespace varkel::cli

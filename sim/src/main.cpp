@@ -3,24 +3,16 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "data_root.h"
 #include "sim_cli.h"
 #include "virtual_fleet.h"
 #include "virtual_lidar.h"
 
 namespace {
-
-std::string ExecutablePath() {
-  char buf[PATH_MAX];
-  const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-  if (n <= 0) return std::string();
-  buf[n] = '\0';
-  return buf;
-}
 
 int Wait(sigset_t* signals) {
   int sig = 0;
@@ -74,7 +66,11 @@ int main(int argc, char** argv) {
     std::fputs(SimUsage().c_str(), stdout);
     return 0;
   }
-  if (cl.options.config_dir.empty()) cl.options.config_dir = DefaultConfigDir(ExecutablePath());
+  if (cl.version) {
+    std::fputs(SimVersion().c_str(), stdout);
+    return 0;
+  }
+  if (cl.options.config_dir.empty()) cl.options.config_dir = DefaultConfigDir(quarn::ExecutablePath());
 
   // Ctrl-C and TERM are taken by sigwait below; blocked before any thread starts so no
   // worker thread receives them.

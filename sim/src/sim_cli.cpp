@@ -1,16 +1,12 @@
 #include "sim_cli.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
+
+#include "data_root.h"
+#include "varkel_version.h"
 
 namespace varkel::sim {
 namespace {
-
-bool IsDir(const std::string& p) {
-  struct stat st {};
-  return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 bool ParseInt(const std::string& text, long lo, long hi, long* out) {
   if (text.empty()) return false;
@@ -19,12 +15,6 @@ bool ParseInt(const std::string& text, long lo, long hi, long* out) {
   if (*end != '\0' || v < lo || v > hi) return false;
   *out = v;
   return true;
-}
-
-std::string Parent(const std::string& p) {
-  const size_t slash = p.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  return slash == 0 ? "/" : p.substr(0, slash);
 }
 
 }  // namespace
@@ -37,7 +27,8 @@ std::string SimUsage() {
          "\n"
          "  --model NAME          model table to simulate: <config dir>/NAME.csv (default Quenta)\n"
          "  --config-dir DIR      folder of the model tables (default: Config/varID beside the\n"
-         "                        program's bin folder, else ./Config/varID)\n"
+         "                        program's bin folder, else in <prefix>/share/varkel, else\n"
+         "                        ./Config/varID)\n"
          "  --host ADDR           address to listen on (default 127.0.0.1)\n"
          "  --port N              KTC port (default 9347; 0 picks a free one)\n"
          "  --ktc-version 1|2     KTC frame version (default 1)\n"
@@ -68,9 +59,14 @@ std::string SimUsage() {
          "  --client-ca FILE      with --tls: only clients showing a certificate this CA issued\n"
          "  --verbose             trace every frame in and out in hexadecimal\n"
          "  --help                this text\n"
+         "  --version             the program's version\n"
          "\n"
          "Point Varkel at it: choose the model, address 127.0.0.1 and the port, then Connect.\n"
          "Stop it with Ctrl-C.\n";
+}
+
+std::string SimVersion() {
+  return std::string("varkel-sim ") + VARKEL_VERSION + "\n";
 }
 
 bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* out, std::string* error) {
@@ -84,6 +80,8 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
     long v = 0;
     if (a == "--help" || a == "-h") {
       out->help = true;
+    } else if (a == "--version") {
+      out->version = true;
     } else if (a == "--model") {
       if (!need(i, a)) return false;
       out->options.model = args[++i];
@@ -248,11 +246,7 @@ bool ParseSimCommandLine(const std::vector<std::string>& args, SimCommandLine* o
 }
 
 std::string DefaultConfigDir(const std::string& executable_path) {
-  if (!executable_path.empty()) {
-    const std::string root = Parent(Parent(executable_path));
-    if (IsDir(root + "/Config/varID")) return root + "/Config/varID";
-  }
-  return "./Config/varID";
+  return quarn::DefaultModelTableDir(executable_path);
 }
 
 }  // namespace varkel::sim

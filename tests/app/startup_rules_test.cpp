@@ -95,14 +95,17 @@ TEST(ModuleVmArgument, FirstCaseSensitiveMatchFromTheSecondArgumentOn) {
   }
 }
 
-TEST(InstallRoot, ParentFirstThenExecutableFolderThenParentWithAWarning) {
+TEST(InstallRoot, ParentFirstThenExecutableFolderThenSharedDataElseParentWithAWarning) {
   TempRoot t;
   MessageCapture missing;
   EXPECT_EQ(ResolveInstallRoot(t.bin), t.root);
-  EXPECT_EQ(missing.lines, (QStringList{"W [Varkel] install root heuristic: missing fonts/Roboto-Regular-14.ttf in " +
-                                            t.bin + " and " + t.root + " \u2014 using parent of exe dir: " + t.root,
-                                        "D [Varkel] applicationDirPath: " + t.bin + " installRoot: " + t.root}));
-  t.PutMarker(t.bin);  // fonts beside the executable: its own folder
+  EXPECT_EQ(missing.lines,
+            (QStringList{"W [Varkel] install root heuristic: missing fonts/Roboto-Regular-14.ttf in " + t.root + ", " +
+                             t.bin + ", " + t.root + "/share/varkel \u2014 using parent of exe dir: " + t.root,
+                         "D [Varkel] applicationDirPath: " + t.bin + " installRoot: " + t.root}));
+  t.PutMarker(t.root + "/share/varkel");  // a package's layout: <prefix>/bin and <prefix>/share/varkel
+  EXPECT_EQ(ResolveInstallRoot(t.bin + "/"), t.root + "/share/varkel");
+  t.PutMarker(t.bin);  // fonts beside the executable win over the shared data
   EXPECT_EQ(ResolveInstallRoot(t.bin), t.bin);
   t.PutMarker(t.root);  // fonts in both places: the parent is asked first
   MessageCapture found;

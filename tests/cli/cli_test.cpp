@@ -2,7 +2,9 @@
 // same entry the program uses (argument parsing included), with a private home folder.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +17,7 @@
 
 #include "../sim/test_certificates.h"
 #include "cli_fixture.h"
+#include "completion.h"
 
 namespace {
 
@@ -243,6 +246,47 @@ TEST_F(CliTest, ModelsListsTheInstalledTables) {
   Result models = Run({"--json", "models"}, false);
   ASSERT_EQ(models.status, 0);
   EXPECT_EQ(Json::parse(models.out), (Json{"Quenta", "Quenta-Lite", "Zelto", "Zelto-KTC"}));
+}
+
+// What bash offers for the command line `words` (the last one being typed) with `script`
+// sourced, one blank apart.
+std::string BashOffers(const std::string& script, const std::string& words) {
+  char path[] = "/tmp/varkel-completion-XXXXXX";
+  const int fd = ::mkstemp(path);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(::write(fd, script.data(), script.size()), static_cast<ssize_t>(script.size()));
+  ::close(fd);
+  const std::string command = std::string("bash --norc --noprofile -c 'source ") + path + "; COMP_WORDS=(" + words +
+                              "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _varkel_cli; echo \"${COMPREPLY[*]}\"'";
+  std::string offers;
+  if (FILE* p = ::popen(command.c_str(), "r")) {
+    char buf[4096];
+    while (size_t n = std::fread(buf, 1, sizeof(buf), p)) offers.append(buf, n);
+    ::pclose(p);
+  }
+  ::unlink(path);
+  if (!offers.empty() && offers.back() == '\n') offers.pop_back();
+  return offers;
+}
+
+TEST(CliCompletion, BashCompletesCommandsAndTheirOptionsFromTheProgramsOwnTree) {
+  if (::access("/bin/bash", X_OK) != 0) GTEST_SKIP() << "no bash";
+  std::ostringstream out, err;
+  const char* argv[] = {"varkel-cli", "completion", "bash"};
+  ASSERT_EQ(varkel::cli::RunCli(3, argv, out, err), 0) << err.str();
+  const std::string script = out.str();
+  EXPECT_EQ(BashOffers(script, "varkel-cli re"), "reset restart restore");
+  EXPECT_EQ(BashOffers(script, "varkel-cli --json restore x.json --r"), "--rollback");
+  EXPECT_EQ(BashOffers(script, "varkel-cli --tl"), "--tls");  // options of the program itself
+
+  // A command added to the tree is offered with its options, the generator untouched.
+  CLI::App app{"", "varkel-cli"};
+  app.add_subcommand("reset");
+  bool fast = false;
+  app.add_subcommand("rebuild")->add_flag("--fast", fast);
+  const std::string grown = varkel::cli::BashCompletion(app);
+  EXPECT_EQ(BashOffers(grown, "varkel-cli re"), "rebuild reset");
+  EXPECT_EQ(BashOffers(grown, "varkel-cli rebuild --f"), "--fast");
 }
 
 }  // namespace
