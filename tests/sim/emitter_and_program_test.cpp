@@ -50,7 +50,7 @@ TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
   const auto second = receive(10000);
   ASSERT_EQ(first.size(), 16u + 100u * 5u);
   ASSERT_EQ(second.size(), first.size());
-  EXPECT_EQ(std::vector<uint8_t>(first.begin(), first.begin() + 4), simtest::Hex("A5 5A 01 64"));
+  EXPECT_EQ(std::vector<uint8_t>(first.begin(), first.begin() + 4), simtest::FromHex("A5 5A 01 64"));
   // Bytes 4..7 number the packets, big-endian.
   auto sequence = [](const std::vector<uint8_t>& d) {
     return (uint32_t{d[4]} << 24) | (uint32_t{d[5]} << 16) | (uint32_t{d[6]} << 8) | d[7];
