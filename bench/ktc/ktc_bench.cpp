@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "../../tests/sim/test_certificates.h"
+#include "../../tests/support/test_certificates.h"
 #include "common/loopback_peer.h"
 #include "ktc_client.h"
 #include "virtual_lidar.h"

@@ -2,7 +2,7 @@
 find_package(Qt5 5.15 REQUIRED COMPONENTS Core Test)
 varkel_add_gtest(varkel_manager_tests
   SOURCES
-    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_test_support.cpp
+    ${VARKEL_TEST_SUPPORT_DIR}/manager_test_support.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/value_text_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_object_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_connection_test.cpp
@@ -14,6 +14,7 @@ varkel_add_gtest(varkel_manager_tests
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_maintenance_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_small_sensor_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_upgrade_test.cpp
+    ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_guard_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_small_upgrade_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/fault_matrix_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/impaired_link.cpp
@@ -22,3 +23,9 @@ varkel_add_gtest(varkel_manager_tests
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_stream_test.cpp
     ${CMAKE_CURRENT_SOURCE_DIR}/manager/manager_monitor_test.cpp
   LIBS VarkelCore varkel_sim Qt5::Core Qt5::Test)
+# Timing-sensitive: repeated under load by `ctest -L timing` (docs/testing.md).
+varkel_test_properties(varkel_manager_tests REGEX "(^|/)(ManagerUpgrade|ZeltoLinks|SmallUpgradeTest)[.]" LABELS timing)
+# These load the machine or the network namespace heavily: never side by side.
+varkel_test_properties(varkel_manager_tests REGEX "(^|/)(FaultMatrix|NetworkFault)[.]" LABELS timing
+                       RESOURCE_LOCK heavy_io)
+varkel_test_properties(varkel_manager_tests REGEX "^Soak[.]" RESOURCE_LOCK heavy_io)

@@ -11,21 +11,24 @@
 #include <QQmlComponent>
 #include <QQmlEngine>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QUrl>
 #include <memory>
+
+#include "wait_until.h"
 
 namespace {
 
 // The dialog's widget, once it is on screen.
 QFileDialog* ShownDialog() {
-  for (int i = 0; i < 200; ++i) {
-    QApplication::processEvents();
-    for (QWidget* w : QApplication::topLevelWidgets())
-      if (auto* d = qobject_cast<QFileDialog*>(w); d && d->isVisible()) return d;
-    QThread::msleep(10);
-  }
-  return nullptr;
+  QFileDialog* shown = nullptr;
+  vktest::PollUntil(
+      [&] {
+        for (QWidget* w : QApplication::topLevelWidgets())
+          if (auto* d = qobject_cast<QFileDialog*>(w); d && d->isVisible()) shown = d;
+        return shown != nullptr;
+      },
+      std::chrono::seconds(20), [] { QApplication::processEvents(); });
+  return shown;
 }
 
 TEST(DocumentsFileDialog, OpensInDocumentsThenWhereTheUserLastChose) {
@@ -68,8 +71,8 @@ TEST(DocumentsFileDialog, OpensInDocumentsThenWhereTheUserLastChose) {
   ASSERT_NE(name_field, nullptr);
   name_field->setText("fw.bin");
   static_cast<QDialog*>(shown)->accept();  // as the Open button does
-  for (int i = 0; i < 200 && shown->isVisible(); ++i) QApplication::processEvents(), QThread::msleep(10);
-  EXPECT_FALSE(shown->isVisible());
+  EXPECT_TRUE(vktest::PollUntil([&] { return !shown->isVisible(); }, std::chrono::seconds(20),
+                                [] { QApplication::processEvents(); }));
   EXPECT_EQ(dialog->property("fileUrl").toUrl().toString().toStdString(),
             QUrl::fromLocalFile(elsewhere + "/fw.bin").toString().toStdString());
   EXPECT_EQ(dialog->property("lastFolder").toUrl().toString().toStdString(),

@@ -1,4 +1,4 @@
-// Start-up: scale factor, -moduleVM=, install root, palette and fonts.
+// Start-up: scale factor, -moduleVM=, install root and fonts.
 
 #include <gtest/gtest.h>
 #include <QDir>
@@ -12,7 +12,6 @@
 #include "font_loader.h"
 #include "install_root.h"
 #include "module_arg.h"
-#include "palette.h"
 #include "scale_factor.h"
 #include "screen_metrics.h"
 
@@ -111,33 +110,6 @@ TEST(InstallRoot, ParentFirstThenExecutableFolderThenSharedDataElseParentWithAWa
   MessageCapture found;
   EXPECT_EQ(ResolveInstallRoot(t.bin), t.root);
   EXPECT_EQ(found.lines, QStringList{"D [Varkel] applicationDirPath: " + t.bin + " installRoot: " + t.root});
-}
-
-TEST(Palette, EveryRoleOfTheTableInEveryGroupAndFourDefaultsKept) {
-  App();
-  const QPalette p = BuildVarkelPalette();
-  const QPalette defaults;
-  using P = QPalette;
-  const std::pair<QColor, std::vector<P::ColorRole>> table[] = {
-      {"#EEEEEE", {P::WindowText, P::Text, P::BrightText, P::ButtonText, P::HighlightedText, P::PlaceholderText}},
-      {"#3A3D3F", {P::Button}},
-      {"#666666", {P::Light}},
-      {"#4D4D4D", {P::Midlight}},
-      {"#222325", {P::Dark}},
-      {"#2B2C2E", {P::Mid, P::Window}},
-      {"#999999", {P::Highlight}},
-      {"#010101", {P::Base, P::AlternateBase, P::ToolTipBase}}};
-  for (const auto group : {QPalette::Active, QPalette::Inactive, QPalette::Disabled}) {
-    for (const auto& [colour, roles] : table) {
-      for (const auto role : roles) {
-        SCOPED_TRACE(::testing::Message() << "group " << group << " role " << role);
-        EXPECT_EQ(p.brush(group, role).style(), Qt::SolidPattern);
-        EXPECT_EQ(p.brush(group, role).color(), colour);
-      }
-    }
-    for (const auto role : {QPalette::Shadow, QPalette::Link, QPalette::LinkVisited, QPalette::ToolTipText})
-      EXPECT_EQ(p.brush(group, role), defaults.brush(group, role)) << role;
-  }
 }
 
 TEST(FontLoader, MissingFolderAndBrokenFilesAreRefusedWithTheirWarnings) {

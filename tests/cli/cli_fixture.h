@@ -12,10 +12,11 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "commands.h"
+#include "listening.h"
+#include "wait_until.h"
 #include "virtual_lidar.h"
 
 namespace varkel::cli::testing {
@@ -67,19 +68,11 @@ class CliTest : public ::testing::Test {
   }
   std::string File(const std::string& name) { return home_ + "/" + name; }
   // The sensor counts a restart once it has dropped its connections, after its reply.
-  bool RestartsReach(uint64_t count, int ms = 5000) {
-    for (int waited = 0; waited < ms && sim_->RestartCount() < count; waited += 10)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return sim_->RestartCount() == count;
+  bool RestartsReach(uint64_t count) {
+    return vktest::PollUntil([&] { return sim_->RestartCount() >= count; }) && sim_->RestartCount() == count;
   }
-  // After a restart: whether the sensor listens again within `ms`.
-  bool ListensWithin(int ms) {
-    for (int waited = 0; waited < ms; waited += 20) {
-      if (TcpReachable("127.0.0.1", sim_->port(), 200).empty()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-  }
+  // After a restart: whether the sensor listens again.
+  bool Listens() { return vktest::WaitListening(sim_->port()); }
 
   std::string home_;
   std::unique_ptr<varkel::sim::VirtualLidar> sim_;

@@ -106,7 +106,7 @@ TEST_F(CliMaintenanceTest, RestartAndResetSendTheTableRowsAndResetWantsConsent) 
   Result restart = Run({"restart"});
   ASSERT_EQ(restart.status, 0) << restart.err;
   EXPECT_TRUE(RestartsReach(1));
-  ASSERT_TRUE(ListensWithin(5000));
+  ASSERT_TRUE(Listens());
   EXPECT_EQ(sim_->Value("Noise Filter Level"), "7");  // a restart keeps the settings
 
   Result reset = Run({"--json", "reset", "--yes"});
@@ -114,7 +114,7 @@ TEST_F(CliMaintenanceTest, RestartAndResetSendTheTableRowsAndResetWantsConsent) 
   EXPECT_EQ(Json::parse(reset.out), (Json{{"action", "reset"}, {"ok", true}}));
   EXPECT_TRUE(RestartsReach(2));
   EXPECT_EQ(sim_->ResetCount(), 1u);
-  ASSERT_TRUE(ListensWithin(5000));
+  ASSERT_TRUE(Listens());
   EXPECT_NE(sim_->Value("Noise Filter Level"), "7");
 
   // Refused by the sensor: no restart, and the user is told to do it by hand.
@@ -196,7 +196,7 @@ TEST_F(CliMaintenanceTest, UpgradeSendsTheFileOnTheUpgradeRowThenRestarts) {
   // Not a terminal: plain lines, the last one whole.
   EXPECT_NE(sent.err.find("upgrade: 100% (3/3 pieces)\n"), std::string::npos) << sent.err;
   EXPECT_EQ(sent.err.find('\r'), std::string::npos);
-  ASSERT_TRUE(ListensWithin(5000));
+  ASSERT_TRUE(Listens());
   EXPECT_EQ(sim_->Value("Firmware Version"), "1.5.0 (2026-11-23)");
 
   // Without the restart the version waits for one.

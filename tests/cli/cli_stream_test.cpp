@@ -10,6 +10,7 @@
 
 #include "../sim/sim_test_support.h"
 #include "cli_fixture.h"
+#include "wait_until.h"
 
 namespace varkel::cli::testing {
 namespace {
@@ -98,7 +99,7 @@ TEST_F(CliStreamTest, CountsTheSensorsStreamAndRecordsEveryDatagram) {
 
 TEST_F(CliStreamTest, ADestinationElsewhereIsNamedAndTheAdvisedCommandBringsTheStreamBack) {
   ASSERT_EQ(Run({"set", "Destination IP=192.0.2.7"}).status, 0);
-  ASSERT_TRUE(simtest::WaitUntil([&] { return sim_->DatagramsWithheld() > 0; }));
+  ASSERT_TRUE(vktest::PollUntil([&] { return sim_->DatagramsWithheld() > 0; }));
   const Result r = Run({"stream", "--seconds", "1"});
   EXPECT_EQ(r.status, kExitSensor) << r.out << r.err;
   EXPECT_NE(r.out.find("The sensor sends its data to 192.0.2.7, which is not an address of this machine."),

@@ -15,7 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "../sim/test_certificates.h"
+#include "test_certificates.h"
 #include "cli_fixture.h"
 #include "completion.h"
 

@@ -12,6 +12,7 @@
 
 #include "../sim/sim_test_support.h"
 #include "cli_fixture.h"
+#include "wait_until.h"
 
 namespace {
 
@@ -110,7 +111,7 @@ TEST_F(WatchTest, ALostConnectionEndsWithStatus3AfterEverySampleIsWritten) {
   Result r;
   std::thread watch([&] { r = Run({"watch", "--interval", "100", "--count", "100000", "--csv", csv}); });
   // Header and a few samples on disk, then the sensor goes away.
-  EXPECT_TRUE(simtest::WaitUntil([&] { return FileLines(csv).size() >= 4; }, 20000));
+  EXPECT_TRUE(vktest::PollUntil([&] { return FileLines(csv).size() >= 4; }));
   sim_->Stop();
   watch.join();
   EXPECT_EQ(r.status, 3) << r.err;

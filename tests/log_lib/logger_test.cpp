@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "wait_until.h"
+
 namespace {
 
 class Capture {
@@ -103,13 +105,7 @@ TEST(Logger, BatchedLinesKeepTheirOrderAroundWarningsAndReachTheFileUnasked) {
 
   // Without a flush, a quiet logger still writes the batch within a moment.
   LOG_TIMING("unasked %s", tag.c_str());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-  bool seen = false;
-  while (!seen && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    seen = LogFileText().find("unasked " + tag) != std::string::npos;
-  }
-  EXPECT_TRUE(seen);
+  EXPECT_TRUE(vktest::PollUntil([&] { return LogFileText().find("unasked " + tag) != std::string::npos; }));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "sim_cli.h"
 #include "sim_test_support.h"
+#include "wait_until.h"
 
 using varkel::sim::FailureMode;
 using varkel::sim::VirtualLidar;
@@ -50,7 +51,7 @@ TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
   const auto second = receive(10000);
   ASSERT_EQ(first.size(), 16u + 100u * 5u);
   ASSERT_EQ(second.size(), first.size());
-  EXPECT_EQ(std::vector<uint8_t>(first.begin(), first.begin() + 4), simtest::Hex("A5 5A 01 64"));
+  EXPECT_EQ(std::vector<uint8_t>(first.begin(), first.begin() + 4), simtest::FromHex("A5 5A 01 64"));
   // Bytes 4..7 number the packets, big-endian.
   auto sequence = [](const std::vector<uint8_t>& d) {
     return (uint32_t{d[4]} << 24) | (uint32_t{d[5]} << 16) | (uint32_t{d[6]} << 8) | d[7];
@@ -113,12 +114,12 @@ TEST(SimUdpEmitterTarget, FollowsTheDestinationRegistersAndKeepsOtherHostsOffThe
   // Another host: counted as sent, nothing reaches this machine.
   ASSERT_TRUE(sim->SetValue("Destination IP", "192.0.2.7"));
   const uint64_t before = sim->DatagramsWithheld();
-  ASSERT_TRUE(simtest::WaitUntil([&] { return sim->DatagramsWithheld() > before + 2; }));
+  ASSERT_TRUE(vktest::PollUntil([&] { return sim->DatagramsWithheld() > before + 2; }));
   std::vector<uint8_t> buf(2048);
   while (::recv(second, buf.data(), buf.size(), MSG_DONTWAIT) > 0) {
   }
   const uint64_t sent = sim->DatagramsSent();
-  ASSERT_TRUE(simtest::WaitUntil([&] { return sim->DatagramsSent() > sent + 2; }));
+  ASSERT_TRUE(vktest::PollUntil([&] { return sim->DatagramsSent() > sent + 2; }));
   EXPECT_LT(::recv(second, buf.data(), buf.size(), MSG_DONTWAIT), 0);
   ::close(first);
   ::close(second);

@@ -1,6 +1,6 @@
 // The simulator's own value encoder and decoder against bytes written from the value
-// formats. Every type's ordinary values are read back through the program's own reading
-// in ktc_contract_test.cpp; these are the edges.
+// formats. Every type's ordinary values reach the controller's pages in its reading
+// tests; these are the edges.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include "field_text.h"
 #include "sim_test_support.h"
 
-using simtest::Hex;
+using simtest::FromHex;
 using varkel::sim::DecodeValueText;
 using varkel::sim::EncodeValueText;
 
@@ -37,7 +37,7 @@ TEST(SimFieldText, TextsAndBytesBothWays) {
   };
   for (const auto& [type, coef, hex, text, shown] : rows) {
     SCOPED_TRACE(std::string(type) + " " + hex);
-    const auto bytes = Hex(hex);
+    const auto bytes = FromHex(hex);
     if (*text) EXPECT_EQ(EncodeValueText(type, text, coef, bytes.size()), bytes);
     if (*shown) EXPECT_EQ(DecodeValueText(type, bytes, coef), std::string(shown));
   }
@@ -58,6 +58,6 @@ TEST(SimFieldText, RefusesWhatDoesNotFitRatherThanCutting) {
   refused("MAC", 6, {"00:10:1A:FF:05:G0"});
   EXPECT_FALSE(DecodeValueText("HWVER", std::vector<uint8_t>(15, 0), 1));
   EXPECT_FALSE(DecodeValueText("SWVER_YMD", std::vector<uint8_t>(17, 0), 1));
-  EXPECT_FALSE(DecodeValueText("MAC", Hex("00 10 1A FF 05"), 1));
-  EXPECT_FALSE(DecodeValueText("raw", Hex("01"), 1));
+  EXPECT_FALSE(DecodeValueText("MAC", FromHex("00 10 1A FF 05"), 1));
+  EXPECT_FALSE(DecodeValueText("raw", FromHex("01"), 1));
 }

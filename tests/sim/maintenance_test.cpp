@@ -1,5 +1,6 @@
-// Restart, reset, log downloads and the table read-back of the simulated sensor, through
-// hand-written frames and the program's own KTC client, on the default model's table.
+// Restart and log downloads of the simulated sensor, through hand-written frames and the
+// program's own KTC client, on the default model's table. The controller's maintenance
+// tests and the fault matrix cover reset, read-back and the failure modes.
 
 #include <gtest/gtest.h>
 
@@ -9,8 +10,7 @@
 #include "sim_test_support.h"
 
 namespace ql = quarn::lidar;
-using simtest::Hex;
-using varkel::sim::FailureMode;
+using simtest::FromHex;
 using varkel::sim::VirtualLidar;
 
 namespace {
@@ -24,10 +24,10 @@ std::unique_ptr<VirtualLidar> StartQuenta(int ktc_version = 1) {
   return simtest::StartSim(o, ktc_version);
 }
 
-// Reads until the peer closes; true when it did so within 5 s.
+// Reads until the peer closes; true when it did so within 20 s.
 bool ClosedByPeer(int fd) {
   uint8_t b[64];
-  const auto end = Clock::now() + std::chrono::seconds(5);
+  const auto end = Clock::now() + std::chrono::seconds(20);
   while (Clock::now() < end) {
     const ssize_t n = ::recv(fd, b, sizeof(b), 0);
     if (n == 0 || (n < 0 && errno == ECONNRESET)) return true;
@@ -47,7 +47,7 @@ int Query(ql::KtcClient& c, uint8_t cmd, const std::vector<uint8_t>& payload, st
 TEST(SimRestart, AnswersDropsEveryConnectionStaysAwayForTheDelayAndComesBackOnTheSamePort) {
   auto sim = StartQuenta();
   // Long enough that a loaded machine still finds the port closed while it lasts.
-  const int delay_ms = 1000;
+  const int delay_ms = 3000;
   sim->SetRestartDelay(delay_ms);
   const uint16_t port = sim->port();
   ASSERT_TRUE(sim->SetValue("Run Time", "3601"));
@@ -57,84 +57,36 @@ TEST(SimRestart, AnswersDropsEveryConnectionStaysAwayForTheDelayAndComesBackOnTh
   ASSERT_TRUE(fd >= 0 && bystander >= 0);
 
   // Command 0x10, empty payload, and its empty reply with code 0.
-  EXPECT_EQ(simtest::Exchange(fd, Hex("47 74 10 00 00 00 00 00"), 8), Hex("47 74 10 00 00 00 00 00"));
-  const auto replied = Clock::now();
+  const auto asked = Clock::now();
+  EXPECT_EQ(simtest::Exchange(fd, FromHex("47 74 10 00 00 00 00 00"), 8), FromHex("47 74 10 00 00 00 00 00"));
   EXPECT_TRUE(ClosedByPeer(fd));
   EXPECT_TRUE(ClosedByPeer(bystander));
   ::close(fd);
   ::close(bystander);
   EXPECT_EQ(simtest::ConnectRaw(port), -1);  // refused while restarting
-  EXPECT_TRUE(simtest::WaitUntil([&] { return sim->RestartCount() == 1; }));
+  EXPECT_TRUE(vktest::PollUntil([&] { return sim->RestartCount() == 1; }));
 
   int again = -1;
-  EXPECT_TRUE(simtest::WaitUntil([&] { return (again = simtest::ConnectRaw(port)) >= 0; }));
-  EXPECT_GE(Clock::now() - replied, std::chrono::milliseconds(delay_ms - 50));
+  EXPECT_TRUE(vktest::PollUntil([&] { return (again = simtest::ConnectRaw(port)) >= 0; }));
+  EXPECT_GE(Clock::now() - asked, std::chrono::milliseconds(delay_ms));
   // The run time starts again; the total goes on.
   // Run time (4 bytes) and total (8 bytes) lead the reply to extended code 0x1A05.
-  const auto times = simtest::Exchange(again, Hex("47 74 ff 00 00 00 00 04 00 00 1a 05"), 8 + 0x24);
+  const auto times = simtest::Exchange(again, FromHex("47 74 ff 00 00 00 00 04 00 00 1a 05"), 8 + 0x24);
   ASSERT_EQ(times.size(), 8u + 0x24);
   EXPECT_EQ(std::vector<uint8_t>(times.begin(), times.begin() + 24),
-            Hex("47 74 ff 00 00 00 00 24 00001a05 00000000 0000000000001c20"));
+            FromHex("47 74 ff 00 00 00 00 24 00001a05 00000000 0000000000001c20"));
   EXPECT_EQ(sim->Value("Run Time"), "0 h 0 min 0 s");
   EXPECT_EQ(sim->Value("Total Run Time"), "2 h 0 min 0 s");
   EXPECT_EQ(std::make_pair(sim->RestartCount(), sim->ResetCount()), std::make_pair(uint64_t{1}, uint64_t{0}));
+
+  // Stopping does not wait out a restart's delay.
+  sim->SetRestartDelay(60000);
+  EXPECT_EQ(simtest::Exchange(again, FromHex("47 74 10 00 00 00 00 00"), 8), FromHex("47 74 10 00 00 00 00 00"));
   ::close(again);
-}
-
-TEST(SimRestart, RefusedOrSwallowedRequestsLeaveTheSensorRunningAndStopDoesNotWaitOutTheDelay) {
-  auto sim = StartQuenta(2);
-  auto client = simtest::Connect(sim->port(), 2, 600);
-  sim->SetFailure(FailureMode::kReturnCode, 0x10, 7);
-  EXPECT_EQ(Query(*client, 0x10, {}), 7);
-  sim->SetFailure(FailureMode::kNoReply, 0x10);
-  EXPECT_EQ(Query(*client, 0x10, {}), ql::kKtcHeaderReadFailed);
-  sim->SetSilent(0x25, true);
-  EXPECT_EQ(Query(*client, 0x25, {}), ql::kKtcHeaderReadFailed);
-  sim->SetSilent(0x25, false);
-  EXPECT_EQ(Query(*client, 0x08, {}), 0);
-  EXPECT_EQ(std::make_pair(sim->RestartCount(), sim->ResetCount()), std::make_pair(uint64_t{0}, uint64_t{0}));
-  EXPECT_EQ(sim->CommandCount(0x10), 2u);
-
-  // A reply spoilt only on its way (the sensor took the command) is followed by the restart.
-  sim->SetFailure(FailureMode::kSplitHeader, 0x10, 3);
-  sim->SetRestartDelay(20000);
-  EXPECT_EQ(Query(*client, 0x10, {}), 0);
-  EXPECT_TRUE(simtest::WaitUntil([&] { return sim->RestartCount() == 1; }));
-  const auto t0 = Clock::now();
+  EXPECT_TRUE(vktest::PollUntil([&] { return sim->RestartCount() == 2; }));
+  const auto stopping = Clock::now();
   sim->Stop();
-  EXPECT_LT(Clock::now() - t0, std::chrono::seconds(2));
-}
-
-TEST(SimReset, RestoresTheTablesValuesAndFieldOfViewThenRestarts) {
-  auto sim = StartQuenta();
-  auto client = simtest::Connect(sim->port());
-  // IP, subnet mask, gateway and MAC are written together by 0x21.
-  ASSERT_EQ(Query(*client, 0x21, Hex("0A000007 FFFF0000 0A000001 000102030405")), 0);
-  ASSERT_EQ(Query(*client, 0x22, Hex("01 0064 0064 0064 0064 0064")), 0);
-  ASSERT_EQ(sim->Value("IP Address"), "10.0.0.7");
-  ASSERT_TRUE(sim->SetValue("Spin Rate", "1200"));
-
-  EXPECT_EQ(Query(*client, 0x25, {}), 0);
-  EXPECT_TRUE(simtest::WaitUntil([&] { return sim->ResetCount() == 1; }));
-  EXPECT_EQ(sim->RestartCount(), 1u);
-  EXPECT_NE(Query(*client, 0x08, {}), 0);
-  EXPECT_EQ(sim->Value("IP Address"), "192.168.1.201");
-  EXPECT_EQ(sim->Value("MAC Address"), "00:0E:C6:4B:1D:A7");
-  EXPECT_EQ(sim->Value("Spin Rate"), "600");
-  EXPECT_EQ(sim->FovStart(), (varkel::sim::FovBlock::Angles{0, 0, 0, 0, 0}));
-
-  // Back after the delay, with the defaults on the wire too.
-  std::unique_ptr<ql::KtcClient> back;
-  EXPECT_TRUE(simtest::WaitUntil([&] {
-    const int fd = simtest::ConnectRaw(sim->port());
-    if (fd < 0) return false;
-    ::close(fd);
-    return true;
-  }));
-  back = simtest::Connect(sim->port());
-  std::vector<uint8_t> reply;
-  EXPECT_EQ(Query(*back, 0x20, {}, &reply), 0);
-  EXPECT_EQ(std::vector<uint8_t>(reply.begin(), reply.begin() + 4), Hex("C0 A8 01 C9"));
+  EXPECT_LT(Clock::now() - stopping, std::chrono::seconds(10));
 }
 
 class SimLogs : public ::testing::TestWithParam<int> {
@@ -178,27 +130,12 @@ TEST_P(SimLogs, EveryLogAndEveryOperationLogPartArrivesWholeAndDistinct) {
 
   // Any other selector or length, and a payload where the other logs take none.
   for (const char* bad : {"", "00", "00 02", "02 00", "01 01 00", "ff ff"})
-    EXPECT_EQ(Query(*client_, 0x60, Hex(bad)), 0x04) << '"' << bad << '"';
-  EXPECT_EQ(Query(*client_, 0x61, Hex("00")), 0x04);
+    EXPECT_EQ(Query(*client_, 0x60, FromHex(bad)), 0x04) << '"' << bad << '"';
+  EXPECT_EQ(Query(*client_, 0x61, FromHex("00")), 0x04);
   EXPECT_FALSE(sim_->LogBody("Operation Log"));
   EXPECT_FALSE(sim_->LogBody("Operation Log", 0x0200));
   EXPECT_FALSE(sim_->LogBody("Fault Log", 0x0000));
   EXPECT_FALSE(sim_->LogBody("Restart"));
-}
-
-TEST_P(SimLogs, TableReadBackUnknownCommandsAndFailureModes) {
-  std::ifstream in(simtest::kShippedTableDir + "/Quenta.csv", std::ios::binary);
-  const std::vector<uint8_t> table((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  ASSERT_GT(table.size(), 1000u);
-  std::vector<uint8_t> reply;
-  EXPECT_EQ(Query(*client_, 0x74, {}, &reply), 0);
-  EXPECT_EQ(reply, table);
-  EXPECT_EQ(Query(*client_, 0x74, Hex("01")), 0x04);
-  EXPECT_EQ(Query(*client_, 0x77, {}), 0x01);
-
-  sim_->SetFailure(FailureMode::kTruncatedPayload, 0x62);
-  EXPECT_EQ(Query(*client_, 0x62, {}), ql::kKtcPayloadReadFailed);
-  EXPECT_EQ(sim_->CommandCount(0x62), 1u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, SimLogs, ::testing::Values(1, 2),
@@ -219,13 +156,13 @@ TEST(SimLogsGolden, OperationLogRequestsWrittenByHand) {
     ASSERT_EQ(reply.size(), header + 3000);
     EXPECT_EQ(std::vector<uint8_t>(reply.begin() + static_cast<std::ptrdiff_t>(header), reply.end()), body);
   };
-  auto reply = simtest::Exchange(v1, Hex("47 74 60 00 00 00 00 02 01 00"), 8 + 3000);
-  EXPECT_EQ(std::vector<uint8_t>(reply.begin(), reply.begin() + 8), Hex("47 74 60 00 00 00 0b b8"));
+  auto reply = simtest::Exchange(v1, FromHex("47 74 60 00 00 00 00 02 01 00"), 8 + 3000);
+  EXPECT_EQ(std::vector<uint8_t>(reply.begin(), reply.begin() + 8), FromHex("47 74 60 00 00 00 0b b8"));
   expect_body(reply, 8, *sim1->LogBody("Operation Log", 0x0100));
-  EXPECT_EQ(simtest::Exchange(v1, Hex("47 74 60 00 00 00 00 02 02 00"), 8), Hex("47 74 60 04 00 00 00 00"));
+  EXPECT_EQ(simtest::Exchange(v1, FromHex("47 74 60 00 00 00 00 02 02 00"), 8), FromHex("47 74 60 04 00 00 00 00"));
 
-  reply = simtest::Exchange(v2, Hex("57 75 01 60 00 00 00 00 00 00 00 02 00 01"), 12 + 3000);
-  EXPECT_EQ(std::vector<uint8_t>(reply.begin(), reply.begin() + 12), Hex("57 75 01 60 00 00 00 00 00 00 0b b8"));
+  reply = simtest::Exchange(v2, FromHex("57 75 01 60 00 00 00 00 00 00 00 02 00 01"), 12 + 3000);
+  EXPECT_EQ(std::vector<uint8_t>(reply.begin(), reply.begin() + 12), FromHex("57 75 01 60 00 00 00 00 00 00 0b b8"));
   expect_body(reply, 12, *sim2->LogBody("Operation Log", 0x0001));
   ::close(v1);
   ::close(v2);
@@ -246,8 +183,8 @@ TEST(SimLogsLarge, ASlowReaderGetsEightMebibytesWhole) {
   a.sin_port = htons(sim->port());
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-  auto got = simtest::Exchange(fd, Hex("47 74 62 00 00 00 00 00"), 8);
-  EXPECT_EQ(got, Hex("47 74 62 00 00 80 00 00"));
+  auto got = simtest::Exchange(fd, FromHex("47 74 62 00 00 00 00 00"), 8);
+  EXPECT_EQ(got, FromHex("47 74 62 00 00 80 00 00"));
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   std::vector<uint8_t> body(8u << 20);
   EXPECT_EQ(::recv(fd, body.data(), body.size(), MSG_WAITALL), static_cast<ssize_t>(body.size()));

@@ -18,27 +18,14 @@
 #include <thread>
 #include <vector>
 
+#include "hex.h"
 #include "ktc_client.h"
+#include "wait_until.h"
 #include "virtual_lidar.h"
 
 namespace simtest {
 
-// Polls `done` until it holds or `ms` have passed.
-inline bool WaitUntil(const std::function<bool()>& done, int ms = 5000) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-inline std::vector<uint8_t> Hex(const std::string& text) {
-  std::vector<uint8_t> out;
-  for (size_t i = 0; i < text.size(); ++i)
-    if (text[i] != ' ') out.push_back(static_cast<uint8_t>(std::stoul(text.substr(i++, 2), nullptr, 16)));
-  return out;
-}
+using vktest::FromHex;
 
 inline const std::string kTestDataDir = std::string(VARKEL_SOURCE_DIR) + "/tests/sim/data";
 inline const std::string kShippedTableDir = std::string(VARKEL_SOURCE_DIR) + "/Config/varID";

@@ -16,7 +16,7 @@
 #include "monitor_model.h"
 #include "serial_source.h"
 
-#include "../../sim/test_certificates.h"
+#include "test_certificates.h"
 #include "manager_test_support.h"
 
 using vktest::SignalLog;
@@ -35,12 +35,6 @@ class ManagerConnection : public vktest::ManagerTest {
     return log_->Wait([&] {
       return log_->Has("errorMessageChanged") && log_->HasPrefix("ERROR: Connection Error: ") &&
              !m_->GetIsConnectingLidar();
-    });
-  }
-  // The small sensor's information thread has done its first round (it is quiet after it).
-  bool InformationRead() {
-    return log_->Wait([&] {
-      return m_->getZeltoLidarVersionInfo().size() == 4 && m_->getZeltoLidarInfo()[3].toString() == "Normal";
     });
   }
   // Stops on the UI thread and returns what it announced.
@@ -195,7 +189,7 @@ TEST_F(ManagerConnection, KtcToASmallSensorSendsTheBaudRateWithoutProbe) {
   EXPECT_EQ(sim_->BaudRate(), 3125000u);
   EXPECT_FALSE(log_->Has("myMapChanged"));
 
-  ASSERT_TRUE(InformationRead());
+  ASSERT_TRUE(SmallSensorInfoRead());
   EXPECT_EQ(StopTrace(), (Trace{"isConnectedChanged", "zeltoLidarInfoChanged", "INFO: Lidar disconnected"}));
   EXPECT_FALSE(m_->getIsConnected());
   EXPECT_EQ(m_->getLidarSN(), "xxxxxxxx");
@@ -225,7 +219,7 @@ TEST_F(ManagerConnection, SerialLinesOverPseudoTerminals) {
   m_->setProperty("serial_port_232", QString::fromStdString(uart));
   ASSERT_TRUE(m_->ConnectLidar());
   ASSERT_TRUE(log_->Wait([&] { return m_->getIsConnected() && log_->Has("INFO: Lidar connected"); }));
-  ASSERT_TRUE(InformationRead());
+  ASSERT_TRUE(SmallSensorInfoRead());
   EXPECT_TRUE(m_->CheckLidarConnection());  // the serial line is probed instead of KTC
   EXPECT_EQ(StopTrace(), (Trace{"isConnectedChanged", "zeltoLidarInfoChanged", "INFO: Lidar disconnected"}));
   EXPECT_FALSE(m_->getIsConnected());

@@ -31,12 +31,9 @@ void CaptureDebug(QtMsgType, const QMessageLogContext&, const QString& msg) {
 
 TEST_F(ManagerReading, APageIsReadWithOneQueryPerCommandAndPayload) {
   ASSERT_TRUE(Connect());
-  // No such page, or a log download under way: nothing is sent, nobody is told.
+  // No such page: nothing is sent, nobody is told.
   m_->GetLidarModuleInfo(2);
   m_->GetLidarModuleInfo(-1);
-  m_->setIsDownloadLog(true);
-  m_->GetLidarModuleInfo(0);
-  m_->setIsDownloadLog(false);
   EXPECT_EQ(sim_->CommandCount(0x01) + sim_->CommandCount(0x02), 0u);
   m_->GetLidarModuleInfo(0);
   EXPECT_EQ(sim_->CommandCount(0x01), 1u);  // SN, PN and both versions in one reply
@@ -46,7 +43,7 @@ TEST_F(ManagerReading, APageIsReadWithOneQueryPerCommandAndPayload) {
   EXPECT_EQ(sim_->CommandCount(0x09), 1u);
   EXPECT_EQ(sim_->CommandCount(0x03), 0u);  // the other page
   log_->Flush();
-  EXPECT_EQ(log_->Trace(), (std::vector<std::string>{"isDownloadLogChanged", "isDownloadLogChanged", "myMapChanged"}));
+  EXPECT_EQ(log_->Trace(), (std::vector<std::string>{"myMapChanged"}));
   for (const char* name : {"SN", "PN", "Hardware Version", "Software Version", "IP Address", "MAC Address", "Port",
                            "Mode", "Level", "Enable", "Threshold"})
     EXPECT_EQ(Value(name), sim_->Value(name)) << name;

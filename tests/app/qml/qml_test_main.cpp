@@ -20,13 +20,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "../../sim/test_certificates.h"
+#include "test_certificates.h"
+#include "listening.h"
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
 
@@ -154,6 +156,8 @@ class Harness : public QObject {
   Q_INVOKABLE void setRestartDelay(int ms) { sim_->SetRestartDelay(ms); }
   Q_INVOKABLE void setLogSize(int bytes) { sim_->SetLogSize(static_cast<uint32_t>(bytes)); }
   Q_INVOKABLE int resetCount() const { return static_cast<int>(sim_->ResetCount()); }
+  // Whether the lidar accepts connections now (it is away for a while after a restart).
+  Q_INVOKABLE bool listening() const { return vktest::WaitListening(sim_->port(), std::chrono::milliseconds(0)); }
   // A fresh folder for downloads, removed with the harness.
   Q_INVOKABLE QUrl makeFolder() {
     folders_.push_back(std::make_unique<QTemporaryDir>());

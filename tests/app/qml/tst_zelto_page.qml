@@ -97,7 +97,7 @@ Item {
             while (flick && flick.contentY === undefined) flick = flick.parent;
             flick.contentY = Math.max(0, area.mapToItem(flick.contentItem, 0, 0).y - 50);
             var drop = findChild(area, "upgradeDropArea");
-            tryVerify(() => drop.mapToItem(top, 0, 0).y + drop.height < top.height, 2000);
+            tryVerify(() => drop.mapToItem(top, 0, 0).y + drop.height < top.height, 20000);
             return drop;
         }
 
@@ -146,11 +146,11 @@ Item {
             err.close();
             harness.dropUrls(upgradeDropArea(), ["file:///tmp/" + data.file]);
             if (data.error === "") {
-                tryCompare(logSpy, "count", 1, 2000);
+                tryCompare(logSpy, "count", 1, 20000);
                 compare(logSpy.signalArguments[0][0], "Rejected, need a *.bin or *.patch file");
                 verify(!err.visible, "the page's own refusal is no error notice");
             } else {
-                tryVerify(() => err.visible, 2000, "the controller's refusal was not shown");
+                tryVerify(() => err.visible, 20000, "the controller's refusal was not shown");
                 compare(err.message, data.error);
                 compare(logSpy.count, 0);
             }

@@ -24,7 +24,10 @@
 #include <thread>
 #include <vector>
 
+#include "hex.h"
+#include "log_capture.h"
 #include "logger.h"
+#include "wait_until.h"
 
 namespace ktc_test {
 
@@ -32,56 +35,13 @@ using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
 
-// Collects log records for its lifetime (observers run in the logging caller).
-class LogCapture {
- public:
-  LogCapture() {
-    id_ = Logger::GetInstance().AddObserver([this](const LogRecord& r) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      records_.push_back(r);
-    });
-  }
-  ~LogCapture() { Logger::GetInstance().RemoveObserver(id_); }
-  template <typename Pred>
-  int CountIf(Pred pred) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return static_cast<int>(std::count_if(records_.begin(), records_.end(), pred));
-  }
-  int Count(int level, const std::string& m) const {
-    return CountIf([&](const LogRecord& r) { return r.level == level && r.message == m; });
-  }
-  bool Has(int level, const std::string& m) const { return Count(level, m) > 0; }
-  // Those of `messages` not logged at `level`, for a readable failure ("" when all were).
-  std::string Missing(int level, std::initializer_list<std::string> messages) const {
-    std::string out;
-    for (const auto& m : messages) out += Has(level, m) ? "" : "[" + m + "] ";
-    return out;
-  }
-  int Errors() const {
-    return CountIf([](const LogRecord& r) { return r.level >= kLogError; });
-  }
+using vktest::FromHex;
+using vktest::LogCapture;
 
- private:
-  int id_ = 0;
-  mutable std::mutex mutex_;
-  std::vector<LogRecord> records_;
-};
-
+// Most waits here are on sockets and threads of the test itself: ten seconds bound a failure.
 template <typename Pred>
 bool WaitFor(Pred pred, Ms timeout = Ms(10000)) {
-  for (const auto deadline = Clock::now() + timeout; !pred(); std::this_thread::sleep_for(Ms(2))) {
-    if (Clock::now() > deadline) return false;
-  }
-  return true;
-}
-
-// "47 74 01" -> {0x47, 0x74, 0x01}
-inline Bytes FromHex(const std::string& hex) {
-  Bytes out;
-  std::istringstream in(hex);
-  for (std::string byte; in >> std::setw(2) >> byte;)
-    out.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
-  return out;
+  return vktest::PollUntil(pred, timeout);
 }
 
 // A reply frame; `claimed` (when not negative) replaces the true payload length.

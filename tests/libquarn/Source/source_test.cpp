@@ -20,8 +20,10 @@
 #include <utility>
 
 #include "frame_assembler.h"
+#include "hex.h"
 #include "hex_text.h"
 #include "ktc_serial_client.h"
+#include "log_capture.h"
 #include "logger.h"
 #include "packet_ring.h"
 #include "platform/serial_port_name.h"
@@ -39,23 +41,8 @@ namespace {
 
 using std::chrono::milliseconds, std::chrono::seconds;
 
-// Records what the logger says while it lives.
-struct LogCapture {
-  ~LogCapture() { Logger::GetInstance().RemoveObserver(id); }
-  // True when a record of `level` has exactly `message`, or (prefix) starts with it.
-  bool Has(int level, const std::string& message, bool prefix = false) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return std::any_of(records.begin(), records.end(), [&](const LogRecord& r) {
-      return r.level == level && (prefix ? r.message.rfind(message, 0) == 0 : r.message == message);
-    });
-  }
-  std::mutex mutex;
-  std::vector<LogRecord> records;
-  const int id = Logger::GetInstance().AddObserver([this](const LogRecord& r) {
-    std::lock_guard<std::mutex> lock(mutex);
-    records.push_back(r);
-  });
-};
+using vktest::FromHex;
+using vktest::LogCapture;
 
 // The test holds the master side; the code under test opens `path`.
 struct Pty {
@@ -88,13 +75,6 @@ struct Pty {
   std::string path;
 };
 
-std::vector<uint8_t> Hex(const std::string& text) {
-  std::vector<uint8_t> out;
-  std::istringstream in(text);
-  for (unsigned v = 0; in >> std::hex >> v;) out.push_back(static_cast<uint8_t>(v));
-  return out;
-}
-
 // A copy of `bytes` with one byte changed.
 std::vector<uint8_t> With(std::vector<uint8_t> bytes, size_t at, uint8_t value) {
   bytes.at(at) = value;
@@ -103,14 +83,15 @@ std::vector<uint8_t> With(std::vector<uint8_t> bytes, size_t at, uint8_t value) 
 
 // Replies to command 0x0A (body 03 0a 0b 00 00, CRC least significant byte first) and to an
 // OTA frame (command 0x81, status 0, CRC most significant byte first).
-const auto kCommandReply = Hex("24 4c 44 43 4d 44 2c 03 0a 0b 00 00 04 03 02 01 19 7b 5e ed ee ff");
-const auto kOtaReply = Hex("24 4c 44 4f 54 41 2c 01 81 00 0d 0c 0b 0a db 3b 9a 0c ee ff");
+const auto kCommandReply = FromHex("24 4c 44 43 4d 44 2c 03 0a 0b 00 00 04 03 02 01 19 7b 5e ed ee ff");
+const auto kOtaReply = FromHex("24 4c 44 4f 54 41 2c 01 81 00 0d 0c 0b 0a db 3b 9a 0c ee ff");
 
 TEST(SerialFrame, FramesMatchTheTable) {
   // Empty payload: 7 + 1 + 1 + 4 + 4 + 2 = 19 bytes; the CRC covers 6 bytes and 2 zeros.
-  EXPECT_EQ(BuildCommandFrame(0x05, {}, 0x12345678), Hex("24 4c 44 43 4d 44 2c 01 05 78 56 34 12 0f 7e 6d db ee ff"));
+  EXPECT_EQ(BuildCommandFrame(0x05, {}, 0x12345678),
+            FromHex("24 4c 44 43 4d 44 2c 01 05 78 56 34 12 0f 7e 6d db ee ff"));
   EXPECT_EQ(BuildCommandFrame(0x0A, {0x0B, 0x00}, 0xA1B2C3D4),
-            Hex("24 4c 44 43 4d 44 2c 03 0a 0b 00 d4 c3 b2 a1 b7 f2 2b 1f ee ff"));
+            FromHex("24 4c 44 43 4d 44 2c 03 0a 0b 00 d4 c3 b2 a1 b7 f2 2b 1f ee ff"));
   // The length byte wraps: 255 payload bytes count as 0.
   const auto long_frame = BuildCommandFrame(0x01, std::vector<uint8_t>(255, 0xAA), 0);
   EXPECT_EQ(long_frame.size(), 19u + 255u);
@@ -119,8 +100,8 @@ TEST(SerialFrame, FramesMatchTheTable) {
   // OTA frames: big-endian fields, CRC most significant byte first.
   const uint8_t data[] = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
   EXPECT_EQ(BuildOtaFrame(0x02, 1, 0x400, data, sizeof(data)),
-            Hex("24 4c 44 4f 54 41 2c 00 00 00 02 00 00 00 01 00 00 04 00 00 00 00 05 de ad be ef 01 "
-                "5a 01 a8 18 ee ff"));
+            FromHex("24 4c 44 4f 54 41 2c 00 00 00 02 00 00 00 01 00 00 04 00 00 00 00 05 de ad be ef 01 "
+                    "5a 01 a8 18 ee ff"));
   EXPECT_EQ(BuildOtaFrame(0x09, 0, 0, nullptr, 0).size(), 29u);
 
   // Two frames of one command differ in nonce and CRC only.
@@ -146,29 +127,29 @@ TEST(SerialFrame, ReplyCheck) {
       {"ota reply as command", kReplyCheckCommand, kOtaReply, nullptr},
       {"unknown kind", 3, kCommandReply, nullptr},
       {"18 bytes, one short of the smallest frame", kReplyCheckOta,
-       Hex("24 4c 44 4f 54 41 2c 01 81 00 0d 0c 0b 0a db 3b ee ff"), nullptr},
+       FromHex("24 4c 44 4f 54 41 2c 01 81 00 0d 0c 0b 0a db 3b ee ff"), nullptr},
       {"wrong trailer", kReplyCheckCommand, With(kCommandReply, 21, 0xFE), nullptr},
       {"CRC mismatch", kReplyCheckCommand, With(kCommandReply, 10, 0x01), nullptr},
       // A reply's length byte counts only the bytes after the command; here the command is
       // counted too, as in a request, with a valid CRC.
       {"request length rule", kReplyCheckCommand,
-       Hex("24 4c 44 43 4d 44 2c 04 0a 0b 00 00 04 03 02 01 0b d2 9e fa ee ff"), nullptr},
+       FromHex("24 4c 44 43 4d 44 2c 04 0a 0b 00 00 04 03 02 01 0b d2 9e fa ee ff"), nullptr},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     std::vector<uint8_t> body = {0x99};
     EXPECT_EQ(CheckReply(row.kind, row.reply, body), row.body != nullptr);
-    EXPECT_EQ(body, row.body ? Hex(row.body) : std::vector<uint8_t>());
+    EXPECT_EQ(body, row.body ? FromHex(row.body) : std::vector<uint8_t>());
   }
 }
 
 TEST(FrameAssembler, SplitsRepliesFromDataWhateverTheLineCarries) {
   const std::vector<uint8_t> pause;  // a quiet line
   const std::vector<uint8_t> cut(kCommandReply.begin(), kCommandReply.begin() + 12);
-  const auto junk = Hex("01 02 24 03 ee ff 04");  // a stray '$' and a stray trailer
+  const auto junk = FromHex("01 02 24 03 ee ff 04");  // a stray '$' and a stray trailer
   const auto trailer_in_nonce = With(With(kCommandReply, 12, 0xEE), 13, 0xFF);
   const auto miscounted = With(kCommandReply, 7, 0x04);  // promises one byte more than comes
-  auto endless = Hex("24 4c 44 4f 54 41 2c");            // a tag, then no trailer
+  auto endless = FromHex("24 4c 44 4f 54 41 2c");        // a tag, then no trailer
   endless.resize(3007, 0x11);
   using Frames = std::vector<std::vector<uint8_t>>;
   const struct {
@@ -182,7 +163,7 @@ TEST(FrameAssembler, SplitsRepliesFromDataWhateverTheLineCarries) {
       // A miscounted reply ends at its trailer once the line is quiet or more bytes come;
       // it is handed on whole, for the reply check to refuse.
       {"miscounted, a pause", {miscounted, pause}, {miscounted}, {}, 1},
-      {"miscounted, more bytes", {miscounted, Hex("55 66")}, {miscounted}, Hex("55 66"), 0},
+      {"miscounted, more bytes", {miscounted, FromHex("55 66")}, {miscounted}, FromHex("55 66"), 0},
       // Half a frame is held through a pause and given up as data when the next frame comes.
       {"cut, a pause, a whole one", {cut, pause, kCommandReply}, {kCommandReply}, cut, 0},
       {"more than a frame holds", {endless, kCommandReply}, {kCommandReply}, endless, 0},
@@ -282,10 +263,10 @@ class SerialSourceModes : public ::testing::TestWithParam<bool> {
 
 TEST_P(SerialSourceModes, RepliesAndDataArriveWholeAndApart) {
   // Data, then a reply cut in two with a pause between, then more data.
-  ASSERT_TRUE(pty_.Write(Hex("aa bb cc 24 4c 44 43 4d 44 2c 03 0a")));
+  ASSERT_TRUE(pty_.Write(FromHex("aa bb cc 24 4c 44 43 4d 44 2c 03 0a")));
   std::thread sensor([&] {
     std::this_thread::sleep_for(milliseconds(60));
-    pty_.Write(Hex("0b 00 00 04 03 02 01 19 7b 5e ed ee ff dd ee"));
+    pty_.Write(FromHex("0b 00 00 04 03 02 01 19 7b 5e ed ee ff dd ee"));
   });
   const int n = source_.Receive(buf_, sizeof(buf_), 10000);
   sensor.join();
@@ -298,7 +279,7 @@ TEST_P(SerialSourceModes, RepliesAndDataArriveWholeAndApart) {
     ASSERT_GT(d, 0);
     data.insert(data.end(), buf_, buf_ + d);
   }
-  EXPECT_EQ(data, Hex("aa bb cc dd ee"));
+  EXPECT_EQ(data, FromHex("aa bb cc dd ee"));
 
   // Send reaches the sensor as it is.
   ASSERT_EQ(source_.Send(kCommandReply.data(), kCommandReply.size(), 0), static_cast<int>(kCommandReply.size()));
@@ -370,11 +351,11 @@ TEST_F(SerialClientTest, CommandRoundTripAmidStreamedData) {
   std::vector<uint8_t> request;
   std::thread sensor([&] {
     request = uart_.Read(21);
-    for (const auto& part : {Hex("11 22 33"), kCommandReply, Hex("44 55")}) rs485_.Write(part);
+    for (const auto& part : {FromHex("11 22 33"), kCommandReply, FromHex("44 55")}) rs485_.Write(part);
   });
   EXPECT_EQ(client_.SendCommand(0x0A, {0x0B, 0x00}, body_, 10000), SerialClient::kOk);
   sensor.join();
-  EXPECT_EQ(body_, Hex("03 0a 0b 00 00"));
+  EXPECT_EQ(body_, FromHex("03 0a 0b 00 00"));
 
   // What reached the sensor is the request for this command, with whatever nonce it drew.
   ASSERT_EQ(request.size(), 21u);
@@ -550,15 +531,15 @@ TEST(SocketSource, MulticastOnLoopback) {
 // b3 16 f8 ee).
 TEST_F(SerialClientTest, OtaTransferSendsStartPieceAndEndInOrder) {
   const std::vector<uint8_t> image = {0xDE, 0xAD, 0xBE, 0xEF, 0x01};
-  const auto start = Hex("24 4c 44 4f 54 41 2c 00 00 00 01 00 00 00 05 00 00 00 01 00 00 00 00 c3 c5 36 67 ee ff");
+  const auto start = FromHex("24 4c 44 4f 54 41 2c 00 00 00 01 00 00 00 05 00 00 00 01 00 00 00 00 c3 c5 36 67 ee ff");
   const auto piece =
-      Hex("24 4c 44 4f 54 41 2c 00 00 00 02 00 00 00 01 00 00 00 01 00 00 00 05 de ad be ef 01 a9 bb d8 ae ee ff");
-  const auto end = Hex("24 4c 44 4f 54 41 2c 00 00 00 03 00 00 00 05 b3 16 f8 ee 00 00 00 00 f0 7a f1 50 ee ff");
+      FromHex("24 4c 44 4f 54 41 2c 00 00 00 02 00 00 00 01 00 00 00 01 00 00 00 05 de ad be ef 01 a9 bb d8 ae ee ff");
+  const auto end = FromHex("24 4c 44 4f 54 41 2c 00 00 00 03 00 00 00 05 b3 16 f8 ee 00 00 00 00 f0 7a f1 50 ee ff");
   // Replies [1, type, status], nonce 0x0A0B0C0D; the last one refuses with status 3.
-  const auto taken_start = Hex("24 4c 44 4f 54 41 2c 01 01 00 0d 0c 0b 0a f6 eb 74 69 ee ff");
-  const auto taken_piece = Hex("24 4c 44 4f 54 41 2c 01 02 00 0d 0c 0b 0a 27 12 cc 5a ee ff");
-  const auto taken_end = Hex("24 4c 44 4f 54 41 2c 01 03 00 0d 0c 0b 0a 68 45 a4 4b ee ff");
-  const auto refused_piece = Hex("24 4c 44 4f 54 41 2c 01 02 03 0d 0c 0b 0a 0a 6a db d2 ee ff");
+  const auto taken_start = FromHex("24 4c 44 4f 54 41 2c 01 01 00 0d 0c 0b 0a f6 eb 74 69 ee ff");
+  const auto taken_piece = FromHex("24 4c 44 4f 54 41 2c 01 02 00 0d 0c 0b 0a 27 12 cc 5a ee ff");
+  const auto taken_end = FromHex("24 4c 44 4f 54 41 2c 01 03 00 0d 0c 0b 0a 68 45 a4 4b ee ff");
+  const auto refused_piece = FromHex("24 4c 44 4f 54 41 2c 01 02 03 0d 0c 0b 0a 0a 6a db d2 ee ff");
 
   auto serial = std::make_shared<SerialClient>(command_, data_);
   quarn::lidar::KtcSerialClient link(serial);

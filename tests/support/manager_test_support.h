@@ -4,6 +4,8 @@
 
 #include <QObject>
 #include <QStringList>
+#include <QUrl>
+#include <QVariantList>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "listening.h"
+#include "wait_until.h"
 #include "var_info.h"
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
@@ -30,6 +34,24 @@ void WriteTable(const std::string& root, const std::string& model, const std::st
 // Two pages, shared get commands, an extended command, two payload variants of one
 // command, switches, standalone rows. Serial models reuse it.
 std::string TestaTable();
+// A network model with a page of three reads (identity, settings, field of view) and a
+// maintenance page (upgrade, restart, a log): the fault and network tests' sensor.
+std::string NetworkTable();
+// The place {.., type, page, group, row} of the table's upgrade row as the page lists it;
+// empty when there is none.
+QVariantList UpgradePlace(VarkelManager& m);
+// A file `name` in `root` of `size` bytes that begins with `first_line`; its URL.
+QUrl WriteImage(const std::string& root, const std::string& name, const std::string& first_line, int size);
+
+// Texts the user reads, shared by the tests that reach them.
+inline const char kSetSuccess[] =
+    "Set Lidar Successfully\nNote that if you have changed the TCP-related settings, you will need to restart the "
+    "lidar for it to work.";
+inline const char kTransmitted[] =
+    "Upgrade package transmitted successfully. The lidar will automatically reboot within 10 seconds.";
+inline const char kTransferFailed[] = "Upgrade package transfer failed or is terminated.";
+inline const char kConnectFailed[] = "Connection Failed. Please check your network settings.";
+
 // The text of the exception `f` throws; "" when it throws none.
 std::string WhatOf(const std::function<void()>& f);
 
@@ -62,6 +84,14 @@ class SignalLog : public QObject {
   }
   void Flush();
   void Clear() { entries_.clear(); }
+  // The connect attempt begun after the last Clear is over: announced either way, worker
+  // done. The connecting flag alone rises inside the worker, so it can be seen down before
+  // the attempt has begun.
+  bool WaitConnectOver(VarkelManager& m) {
+    return Wait([&] {
+      return (Has("INFO: Lidar connected") || HasPrefix("ERROR: Connection Error: ")) && !m.GetIsConnectingLidar();
+    });
+  }
 
   // Signal names in order; log-pane lines appear as "TYPE: text".
   const std::vector<std::string>& Trace() const { return entries_; }
@@ -94,6 +124,16 @@ class ManagerTest : public ::testing::Test {
   bool Connect();
   // A small sensor: over its two serial lines (pseudo-terminals), else over KTC.
   bool ConnectSmallSensor(bool serial);
+  // The small sensor's information thread has done its first round: the serial number,
+  // the versions, then the safety state (shown as "xxxxxxxx" until it arrives; `safety`
+  // false when the sensor refuses it). The thread is quiet for seconds after it.
+  bool SmallSensorInfoRead(bool safety = true) {
+    return log_->Wait([&] {
+      const QVariantList info = m_->getZeltoLidarInfo();
+      return m_->getZeltoLidarVersionInfo().size() == 4 && info.size() == 4 &&
+             (!safety || info[3].toString() != "xxxxxxxx");
+    });
+  }
 
   std::string Value(const std::string& name) { return m_->searchVarPtr(name, "var_name")->current_val; }
   // The text the page shows for the variable at page, group, row.

@@ -5,13 +5,14 @@
 #include <QFile>
 #include <QMetaMethod>
 #include <QStandardPaths>
-#include <QThread>
 
 #include <unistd.h>
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+
 #include <stdexcept>
+#include "wait_until.h"
 
 namespace vktest {
 namespace {
@@ -77,6 +78,38 @@ std::string TestaTable() {
          "7,3,0x31,,,Operation Log,0,raw,,,,,,1_1_3_6,0,0,,\n";
 }
 
+std::string NetworkTable() {
+  return kTableHeader +
+         "0,Device,Identity,Settings,View,,,,,,,,,,,,,\n"
+         "0,Maintenance,Firmware,,,,,,,,,,,,,,,\n"
+         "1,1,0x01,,,SN,0,string,,,,,,1_1_1_0,8,0,,\n"
+         "1,2,0x01,,,PN,0,string,,,,,,1_1_2_0,8,0,,\n"
+         "2,1,0x02,0x25,0,Speed,1,uint16,10,,,,,1_2_1_1,2,0,,\n"
+         "2,2,0x02,0x25,1,Gain,1,uint8,3,,,,,1_2_2_1,1,0,,\n"
+         "3,1,0x23,0x22,0,FOV Channel,1,uint8,0,0|1|2|3|4,,,,1_3_1_5,1,0,,\n"
+         "4,1,,0x50,0,Firmware Upgrade,1,raw,,,,,,2_1_1_4,0,0,,\n"
+         "4,2,,0x10,0,Restart,0,raw,,,,,,2_1_2_6,0,0,,\n"
+         "4,3,0x30,,,Fault Log,0,raw,,,,,,2_1_3_6,0,0,,\n";
+}
+
+QVariantList UpgradePlace(VarkelManager& m) {
+  for (const QVariant& page : m.getLevel2List())
+    for (const QVariant& entry : page.toList())
+      if (entry.toList()[1].toInt() == 4) return entry.toList();
+  return {};
+}
+
+QUrl WriteImage(const std::string& root, const std::string& name, const std::string& first_line, int size) {
+  QByteArray bytes = QByteArray::fromStdString(first_line);
+  for (int i = bytes.size(); i < size; ++i) bytes.append(static_cast<char>((i * 131) >> 3));
+  bytes.truncate(size);
+  const QString path = QString::fromStdString(root + "/" + name);
+  QFile f(path);
+  if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size())
+    throw std::runtime_error("cannot write " + path.toStdString());
+  return QUrl::fromLocalFile(path);
+}
+
 std::string WhatOf(const std::function<void()>& f) {
   try {
     f();
@@ -123,13 +156,7 @@ void SignalLog::Flush() {
 }
 
 bool SignalLog::Wait(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    Flush();
-    if (done()) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    QThread::msleep(5);
-  }
+  return PollUntil(done, timeout, [this] { Flush(); });
 }
 
 int SignalLog::Count(const std::string& entry) const {

@@ -1,4 +1,4 @@
-// How the sensor reads the tables' command texts, and the shape of the logs it makes up.
+// The shape of the logs the sensor makes up, and how it traces huge frames.
 
 #include <gtest/gtest.h>
 
@@ -6,43 +6,12 @@
 #include <optional>
 #include <string>
 
-#include "command_key.h"
 #include "device_log.h"
 #include "reply_path.h"
 
 using namespace varkel::sim;
 
 namespace {
-
-// {extended, code} of a text, or {false, -1} when it is refused.
-std::pair<bool, int64_t> Key(const std::string& text) {
-  const auto k = ParseCommandText(text);
-  return k ? std::make_pair(k->extended, static_cast<int64_t>(k->code)) : std::make_pair(false, int64_t{-1});
-}
-
-TEST(SimCommandText, ShortTextsTakeTheirBaseFromTheirPrefixLongOnesAreHexadecimalCodes) {
-  using P = std::pair<bool, int64_t>;
-  // Hexadecimal, octal and decimal spellings of plain commands.
-  EXPECT_EQ(Key("0x21"), P(false, 0x21));
-  EXPECT_EQ(Key("0X2a"), P(false, 0x2A));
-  EXPECT_EQ(Key("010"), P(false, 8));
-  EXPECT_EQ(Key("21"), P(false, 21));
-  EXPECT_EQ(Key("0"), P(false, 0));
-  EXPECT_EQ(Key("0x0"), P(false, 0));
-  // The low byte of a larger number is the command.
-  EXPECT_EQ(Key("999"), P(false, 999 & 0xFF));
-  EXPECT_EQ(Key("0777"), P(false, 0777 & 0xFF));
-  // Blanks around a text do not make it longer.
-  EXPECT_EQ(Key(" 0x10 "), P(false, 0x10));
-  // Five characters or more: an extended code, hexadecimal with or without its prefix.
-  EXPECT_EQ(Key("0x1A05"), P(true, 0x1A05));
-  EXPECT_EQ(Key("12345"), P(true, 0x12345));
-  EXPECT_EQ(Key("0x00010"), P(true, 0x10));
-  EXPECT_EQ(Key("FFFFFFFF"), P(true, 0xFFFFFFFF));
-
-  for (const char* bad : {"", "  ", "0x", "08", "1a", "-1", "+5", "0x1G", "1FFFFFFFF", "0x1A0Z"})
-    EXPECT_EQ(Key(bad), P(false, -1)) << '"' << bad << '"';
-}
 
 struct Stamp {
   int year, month, day, hour, minute, second, ms;
