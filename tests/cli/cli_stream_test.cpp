@@ -10,6 +10,7 @@
 
 #include "../sim/sim_test_support.h"
 #include "cli_fixture.h"
+#include "listening.h"
 #include "wait_until.h"
 
 namespace varkel::cli::testing {
@@ -27,12 +28,6 @@ int HoldUdpPort(uint16_t* port) {
   ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
   *port = ntohs(a.sin_port);
   return fd;
-}
-
-uint16_t FreeUdpPort() {
-  uint16_t port = 0;
-  ::close(HoldUdpPort(&port));
-  return port;
 }
 
 // A loopback TCP port nobody listens on.
@@ -54,7 +49,7 @@ class CliStreamTest : public CliTest {
   void SetUp() override {
     CliTest::SetUp();
     sim_->Stop();
-    data_port_ = FreeUdpPort();
+    data_port_ = vktest::FreeUdpPort();
     varkel::sim::SimOptions o;
     o.model = "Quenta";
     o.config_dir = kTables;
@@ -123,7 +118,7 @@ TEST_F(CliStreamTest, ABusyPortIsAnErrorAndWithoutASensorOnlyFiguresAreGiven) {
   ::close(holder);
 
   // No --host: the settings' sensor is never asked.
-  const std::string quiet = std::to_string(FreeUdpPort());
+  const std::string quiet = std::to_string(vktest::FreeUdpPort());
   r = Run({"stream", "--data-port", quiet, "--seconds", "0.3"}, false);
   EXPECT_EQ(r.status, kExitSensor);
   EXPECT_NE(r.out.find("No sensor is connected"), std::string::npos) << r.out;

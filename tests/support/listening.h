@@ -29,4 +29,16 @@ inline bool WaitListening(uint16_t port, std::chrono::milliseconds timeout = std
       timeout);
 }
 
+// A UDP port nobody holds now on any address (bound once, then released).
+inline uint16_t FreeUdpPort() {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  socklen_t len = sizeof(a);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), len);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  close(fd);
+  return ntohs(a.sin_port);
+}
+
 }  // namespace vktest

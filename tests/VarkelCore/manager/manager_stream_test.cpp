@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "listening.h"
 #include "manager_test_support.h"
 #include "stream_monitor_model.h"
 
@@ -18,17 +19,6 @@ const std::string kStreama = vktest::kTableHeader +
                              "0,Output,Destination,,,,,,,,,,,,,,,\n"
                              "1,1,0x2C,0x2D,1,Destination IP,1,IP,192.168.1.100,,,,,1_1_1_1,4,0,,\n"
                              "1,2,0x2C,0x2D,2,Data Port,1,uint16,2368,1024~65535,,,,1_1_2_1,2,0,,\n";
-
-uint16_t FreeUdpPort() {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  socklen_t len = sizeof(a);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
-}
 
 class ManagerStream : public vktest::ManagerTest {
  protected:
@@ -42,7 +32,7 @@ class ManagerStream : public vktest::ManagerTest {
     o.config_dir = root_ + "/Config/varID";
     o.port = 0;
     o.live_values = false;
-    o.udp_target = "127.0.0.1:" + std::to_string(FreeUdpPort());
+    o.udp_target = "127.0.0.1:" + std::to_string(vktest::FreeUdpPort());
     o.udp_rate = 100;
     sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
     std::string error;

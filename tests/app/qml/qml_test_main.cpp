@@ -27,8 +27,8 @@
 #include <utility>
 #include <vector>
 
-#include "test_certificates.h"
 #include "listening.h"
+#include "test_certificates.h"
 #include "varkel_manager.h"
 #include "virtual_lidar.h"
 
@@ -99,16 +99,7 @@ class Harness : public QObject {
   }
   Q_INVOKABLE void setLinkLost(bool lost) { sim_->SetLinkLost(lost); }
   // A UDP port nobody holds now (bound once, then released).
-  Q_INVOKABLE int freeUdpPort() const {
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    socklen_t len = sizeof(a);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    ::close(fd);
-    return ntohs(a.sin_port);
-  }
+  Q_INVOKABLE int freeUdpPort() const { return vktest::FreeUdpPort(); }
   // A second virtual lidar of the same model serving TLS with the run-time certificate
   // `cert` ("sensor", "self", ...); its port, 0 when it did not start.
   Q_INVOKABLE int startTlsSim(const QString& cert) {
