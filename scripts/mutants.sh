@@ -164,10 +164,9 @@ if command -v ccache >/dev/null 2>&1; then
   # The scratch build's own objects come back from the cache after each fault is undone.
   export CCACHE_BASEDIR=$area CCACHE_NOHASHDIR=1
 fi
-if [ ! -f "$build/CMakeCache.txt" ]; then
-  cmake -S "$tree" -B "$build" -DVARKEL_SANITIZE=none -DVARKEL_BUILD_BENCH=OFF "${launcher[@]}" \
-    >"$area/configure.log" 2>&1 || { echo "mutants: configure failed, see $area/configure.log" >&2; exit 2; }
-fi
+# Configured on every run: the tree moved to HEAD, and files may have come or gone since.
+cmake -S "$tree" -B "$build" -DVARKEL_SANITIZE=none -DVARKEL_BUILD_BENCH=OFF "${launcher[@]}" \
+  >"$area/configure.log" 2>&1 || { echo "mutants: configure failed, see $area/configure.log" >&2; exit 2; }
 
 export QT_QPA_PLATFORM=offscreen
 
@@ -193,7 +192,7 @@ declared = re.compile(r"^\s*(?:TEST|TEST_F|TEST_P|TYPED_TEST)\(\s*(\w+)\s*,\s*(\
 for entry in json.load(open(os.path.join(build, "compile_commands.json"))):
     source = entry["file"]
     program = re.search(r"CMakeFiles/([^/ ]+)\.dir/", entry["command"])
-    if not program or not source.startswith(tree + "/tests/"):
+    if not program or not source.startswith(tree + "/tests/") or not os.path.exists(source):
         continue
     with open(source, encoding="utf-8", errors="replace") as text:
         if any(pattern.search(s + "." + t) for s, t in declared.findall(text.read())):
