@@ -9,14 +9,72 @@ SeriesBuffer::SeriesBuffer(Config config) : config_(config), bucket_ms_(std::max
 void SeriesBuffer::Append(int64_t t_ms, double value) {
   if (t_ms < last_ms_) return;
   last_ms_ = t_ms;
-  recent_.push_back(Point{t_ms, value});
+  const Point p{t_ms, value};
+  const uint64_t seq = front_seq_ + recent_.size();
+  recent_.push_back(p);
+  for (int level = 0; level < kLevels; ++level) {
+    std::deque<Summary>& runs = runs_[level];
+    if (runs.empty()) front_run_[level] = seq / kRun[level];
+    if (runs.empty() || seq % kRun[level] == 0) runs.emplace_back();
+    runs.back().Add(p);
+  }
   Age(t_ms);
+}
+
+void SeriesBuffer::Summary::Add(const Point& p) {
+  if (count == 0 && !gap) first_ms = p.t_ms;
+  last_ms = p.t_ms;
+  if (p.gap()) {
+    if (!gap) gap_ms = p.t_ms;
+    gap = true;
+    return;
+  }
+  if (count == 0 || p.value < lo.value) lo = p;
+  if (count == 0 || p.value > hi.value) hi = p;
+  sum += p.value;
+  last = p.value;
+  ++count;
 }
 
 void SeriesBuffer::Age(int64_t now_ms) {
   while (!recent_.empty() && recent_.front().t_ms < now_ms - config_.full_rate_ms) {
     AddToBuckets(recent_.front());
     recent_.pop_front();
+    ++front_seq_;
+  }
+  // A run partly aged stays until its last sample goes; it is walked sample by sample.
+  for (int level = 0; level < kLevels; ++level)
+    while (!runs_[level].empty() && (front_run_[level] + 1) * kRun[level] <= front_seq_) {
+      runs_[level].pop_front();
+      ++front_run_[level];
+    }
+}
+
+template <typename Fits, typename OnSummary, typename OnPoint>
+void SeriesBuffer::WalkRecent(int64_t from_ms, int64_t to_ms, const Fits& fits, const OnSummary& on_summary,
+                              const OnPoint& on_point) const {
+  const auto first =
+      std::lower_bound(recent_.begin(), recent_.end(), from_ms, [](const Point& p, int64_t t) { return p.t_ms < t; });
+  uint64_t seq = front_seq_ + static_cast<uint64_t>(first - recent_.begin());
+  const uint64_t end = front_seq_ + recent_.size();
+  while (seq < end) {
+    const Point& p = recent_[seq - front_seq_];
+    if (p.t_ms > to_ms) return;
+    // The longest run starting here that lies whole in the ring and fits; else the sample.
+    bool taken = false;
+    for (int level = kLevels - 1; level >= 0 && !taken; --level) {
+      const uint64_t run = seq / kRun[level];
+      if (seq % kRun[level] != 0 || run < front_run_[level] || run - front_run_[level] >= runs_[level].size()) continue;
+      const Summary& s = runs_[level][run - front_run_[level]];
+      if (s.last_ms > to_ms || !fits(s)) continue;
+      on_summary(s);
+      seq += kRun[level];
+      taken = true;
+    }
+    if (!taken) {
+      on_point(p);
+      ++seq;
+    }
   }
 }
 
@@ -123,8 +181,11 @@ std::vector<Point> SeriesBuffer::Decimate(int64_t from_ms, int64_t to_ms, int co
   const double span = static_cast<double>(to_ms - from_ms);
   int current = -1;
   Column column;
+  auto column_of = [&](int64_t t_ms) {
+    return std::min(columns - 1, static_cast<int>(static_cast<double>(t_ms - from_ms) * columns / span));
+  };
   auto add = [&](const Point& p) {
-    const int c = std::min(columns - 1, static_cast<int>(static_cast<double>(p.t_ms - from_ms) * columns / span));
+    const int c = column_of(p.t_ms);
     if (c != current) {
       column.Flush(out);
       current = c;
@@ -140,9 +201,16 @@ std::vector<Point> SeriesBuffer::Decimate(int64_t from_ms, int64_t to_ms, int co
     }
     if (b.gap) add(Point{b.count > 0 ? std::max(b.min_ms, b.max_ms) : b.start_ms, Point{}.value});
   }
-  auto it =
-      std::lower_bound(recent_.begin(), recent_.end(), from_ms, [](const Point& p, int64_t t) { return p.t_ms < t; });
-  for (; it != recent_.end() && it->t_ms <= to_ms; ++it) add(*it);
+  WalkRecent(
+      from_ms, to_ms, [&](const Summary& s) { return column_of(s.first_ms) == column_of(s.last_ms); },
+      [&](const Summary& s) {
+        if (s.count > 0) {
+          add(s.lo);
+          add(s.hi);
+        }
+        if (s.gap) add(Point{s.gap_ms, Point{}.value});
+      },
+      add);
   column.Flush(out);
   return out;
 }
@@ -162,13 +230,17 @@ Statistics SeriesBuffer::Stats(int64_t from_ms, int64_t to_ms) const {
     if (b.start_ms > to_ms) break;
     take(b.min, b.max, b.sum, b.count);
   }
-  auto it =
-      std::lower_bound(recent_.begin(), recent_.end(), from_ms, [](const Point& p, int64_t t) { return p.t_ms < t; });
-  for (; it != recent_.end() && it->t_ms <= to_ms; ++it) {
-    if (it->gap()) continue;
-    take(it->value, it->value, it->value, 1);
-    s.current = it->value;
-  }
+  WalkRecent(
+      from_ms, to_ms, [](const Summary&) { return true; },
+      [&](const Summary& run) {
+        take(run.lo.value, run.hi.value, run.sum, run.count);
+        if (run.count > 0) s.current = run.last;
+      },
+      [&](const Point& p) {
+        if (p.gap()) return;
+        take(p.value, p.value, p.value, 1);
+        s.current = p.value;
+      });
   if (s.count > 0) s.mean = sum / static_cast<double>(s.count);
   return s;
 }
@@ -179,12 +251,19 @@ size_t SeriesBuffer::MemoryBytes() const {
     const size_t per = std::max<size_t>(1, 512 / size);
     return (n / per + 2) * 512 + (n / per + 2) * sizeof(void*);
   };
-  return sizeof(*this) + blocks(recent_.size(), sizeof(Point)) + blocks(buckets_.size(), sizeof(Bucket));
+  size_t bytes = sizeof(*this) + blocks(recent_.size(), sizeof(Point)) + blocks(buckets_.size(), sizeof(Bucket));
+  for (const auto& runs : runs_) bytes += blocks(runs.size(), sizeof(Summary));
+  return bytes;
 }
 
 void SeriesBuffer::Clear() {
   recent_.clear();
   buckets_.clear();
+  front_seq_ = 0;
+  for (int level = 0; level < kLevels; ++level) {
+    runs_[level].clear();
+    front_run_[level] = 0;
+  }
   bucket_ms_ = std::max<int64_t>(1, config_.bucket_ms);
   last_ms_ = std::numeric_limits<int64_t>::min();
 }

@@ -2,7 +2,9 @@
 // The history of one monitored quantity, bounded whatever the duration: the last hour at
 // full rate in a ring, everything older as min/max buckets whose width doubles whenever
 // their count would pass a cap. A value that could not be read is kept as a gap (NaN)
-// so that a line is broken there instead of bridging the missing stretch.
+// so that a line is broken there instead of bridging the missing stretch. The ring also
+// keeps summaries of aligned runs of 16 and 256 samples, so a wide window is reduced
+// and summed from them instead of sample by sample.
 
 #include <cmath>
 #include <cstddef>
@@ -69,6 +71,25 @@ class SeriesBuffer {
     uint32_t count = 0;  // values read
     bool gap = false;    // a value was missing in it
   };
+  // The extremes, sum and first gap of an aligned run of ring samples.
+  struct Summary {
+    int64_t first_ms = 0;
+    int64_t last_ms = 0;
+    Point lo, hi;
+    int64_t gap_ms = 0;  // the first missing value, when `gap`
+    double sum = 0;
+    double last = std::numeric_limits<double>::quiet_NaN();  // the last value read
+    uint32_t count = 0;
+    bool gap = false;
+    void Add(const Point& p);
+  };
+  static constexpr int kLevels = 2;
+  static constexpr uint64_t kRun[kLevels] = {16, 256};
+  // Calls on_summary for each whole run that `fits` and on_point for each other sample,
+  // in time order, over the ring's samples in [from_ms, to_ms].
+  template <typename Fits, typename OnSummary, typename OnPoint>
+  void WalkRecent(int64_t from_ms, int64_t to_ms, const Fits& fits, const OnSummary& on_summary,
+                  const OnPoint& on_point) const;
   void Age(int64_t now_ms);
   void AddToBuckets(const Point& p);
   void MergeBuckets();
@@ -77,6 +98,11 @@ class SeriesBuffer {
   int64_t bucket_ms_;
   int64_t last_ms_ = std::numeric_limits<int64_t>::min();
   std::deque<Point> recent_;
+  uint64_t front_seq_ = 0;  // the sequence number of recent_.front()
+  // Per level, the summaries of the runs that still have samples in the ring; run r covers
+  // the sequence numbers [r * kRun, (r + 1) * kRun).
+  std::deque<Summary> runs_[kLevels];
+  uint64_t front_run_[kLevels] = {};
   std::deque<Bucket> buckets_;
 };
 

@@ -70,6 +70,62 @@ TEST(SeriesBuffer, GapsStayGapsInTheRingAndInBuckets) {
   EXPECT_EQ(stats.mean, 1.0);
 }
 
+TEST(SeriesBuffer, RunSummariesReduceAndSumLikeTheSamplesThemselves) {
+  SeriesBuffer::Config config;
+  config.full_rate_ms = 600000;
+  SeriesBuffer buffer(config);
+  // Irregular times, noise, outages; the ring has aged part of a run of 16 and of 256.
+  std::vector<Point> kept;
+  uint32_t seed = 7;
+  int64_t t = 0;
+  for (int i = 0; i < 9000; ++i) {
+    seed = seed * 1103515245 + 12345;
+    t += 50 + static_cast<int64_t>(seed >> 16) % 200;
+    const double v = (seed >> 8) % 1000 / 10.0;
+    if ((seed >> 4) % 97 == 0)
+      buffer.AppendGap(t);
+    else
+      buffer.Append(t, v);
+    kept.push_back(Point{t, (seed >> 4) % 97 == 0 ? Point{}.value : v});
+  }
+  // Past the ring's start and its bucket of 10 s: older samples are in buckets, tested above.
+  const int64_t first = kept.back().t_ms - 600000;
+  for (const auto& [from, columns] :
+       {std::pair<int64_t, int>{first + 10000, 37}, {first + 12345, 500}, {first + 99999, 3}}) {
+    const int64_t to = kept.back().t_ms - 777;
+    const auto points = buffer.Decimate(from, to, columns);
+    // Per column: the same extremes and the same breaks as the samples in it.
+    const double span = static_cast<double>(to - from);
+    auto column_of = [&](int64_t at) { return std::min(columns - 1, static_cast<int>((at - from) * columns / span)); };
+    for (int c = 0; c < columns; ++c) {
+      double lo = NAN, hi = NAN, dlo = NAN, dhi = NAN;
+      bool gap = false, dgap = false;
+      for (const Point& p : kept)
+        if (p.t_ms >= from && p.t_ms <= to && column_of(p.t_ms) == c) {
+          gap |= p.gap();
+          if (!p.gap()) lo = std::fmin(lo, p.value), hi = std::fmax(hi, p.value);
+        }
+      for (const Point& p : points)
+        if (column_of(p.t_ms) == c) {
+          dgap |= p.gap();
+          if (!p.gap()) dlo = std::fmin(dlo, p.value), dhi = std::fmax(dhi, p.value);
+        }
+      ASSERT_EQ(gap, dgap) << "column " << c << " of " << columns;
+      if (std::isnan(lo)) continue;
+      ASSERT_EQ(lo, dlo) << "column " << c << " of " << columns;
+      ASSERT_EQ(hi, dhi) << "column " << c << " of " << columns;
+    }
+    double sum = 0, last = NAN;
+    size_t count = 0;
+    for (const Point& p : kept)
+      if (p.t_ms >= from && p.t_ms <= to && !p.gap()) sum += p.value, last = p.value, ++count;
+    const auto stats = buffer.Stats(from, to);
+    EXPECT_EQ(stats.count, count);
+    EXPECT_NEAR(stats.mean, sum / count, 1e-9);
+    EXPECT_EQ(stats.current, last);
+  }
+}
+
 TEST(SeriesBuffer, MemoryIsBoundedAndOldDataKeepsItsRange) {
   SeriesBuffer::Config config;
   config.full_rate_ms = 60000;
