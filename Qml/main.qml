@@ -179,8 +179,9 @@ Rectangle {
     }
 
     function showPage(page) {
+        // The window's own pages (Monitor, Log...) show no table values: none are refreshed.
+        varkel_manager.setModuleIndexUse(page >= 0 && page < pageCount ? page : -1);
         if (page < 0 || page >= pageCount) return;
-        varkel_manager.setModuleIndexUse(page);
         if (varkel_manager.IsConnected && connectType === 0) varkel_manager.GetLidarModuleInfo(page);
     }
 

@@ -19,11 +19,14 @@ RowLayout {
     property var limitLines: []
     property string hoverText: ""
     property int drawnWidth: 0
+    // A sample came while the chart was scrolled out of view: redraw when it comes back.
+    property bool stale: false
 
     spacing: Theme.spacing
 
     function refresh() {
         if (!monitor) return;
+        stale = false;
         // The chart's own width, not its plot area's: the plot area moves with the value
         // labels, and redrawing on that would chase the axis.
         drawnWidth = Math.max(1, Math.round(chart.width - 80));

@@ -21,13 +21,31 @@ Item {
         function onAlertRaised(text) { alertNotice.show(text); }
         function onProblem(text) { page.errorRequested(text); }
     }
+    Connections {
+        target: scroll.ScrollBar.vertical
+        function onPositionChanged() { page.refreshStale(); }
+    }
     onVisibleChanged: if (visible) refreshCharts()
 
+    // Only the charts scrolled into view are drawn; the others catch up when they come into
+    // view. A chart redraw is most of the page's cost.
     function refreshCharts() {
         for (var i = 0; i < charts.count; ++i) {
             var c = charts.itemAt(i);
-            if (c) c.refresh();
+            if (!c) continue;
+            if (inView(c)) c.refresh();
+            else c.stale = true;
         }
+    }
+    function refreshStale() {
+        for (var i = 0; i < charts.count; ++i) {
+            var c = charts.itemAt(i);
+            if (c && c.stale && inView(c)) c.refresh();
+        }
+    }
+    function inView(item) {
+        var top = item.mapToItem(scroll, 0, 0).y;
+        return top + item.height > 0 && top < scroll.height;
     }
 
     ColumnLayout {
@@ -93,6 +111,7 @@ Item {
             Layout.fillHeight: true
             clip: true
             contentWidth: availableWidth
+            onHeightChanged: page.refreshStale()
 
             Column {
                 id: chartColumn
@@ -145,8 +164,10 @@ Item {
             selectExisting: false
             nameFilters: ["PNG images (*.png)"]
             onAccepted: {
-                var path = page.monitor.pngPath(fileUrl);
-                chartColumn.grabToImage(function (result) { page.monitor.reportPng(result.saveToFile(path), path); });
+                var url = fileUrl;
+                // The picture holds every chart, those scrolled out of view too.
+                for (var i = 0; i < charts.count; ++i) charts.itemAt(i).refresh();
+                chartColumn.grabToImage(function (result) { page.monitor.savePng(result.image, url); });
             }
         }
         function open() {

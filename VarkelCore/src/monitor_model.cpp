@@ -1,5 +1,6 @@
 #include "monitor_model.h"
 
+#include <QImage>
 #include <QPointF>
 #include <QSettings>
 #include <QUrl>
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <map>
 
 namespace {
@@ -82,7 +84,10 @@ void MonitorModel::AddSample(const std::string& model, const std::vector<Channel
     // A failed row stops the recording, never the sampling.
     if (was_recording && !csv_.recording()) stopped = QString::fromStdString(csv_.error());
   }
-  if (reset) emit structureChanged();
+  if (reset) {
+    emit structureChanged();
+    emit settingsChanged();
+  }
   emit statsChanged();
   if (!paused()) emit viewChanged();
   for (const auto& [text, type] : lines) emit logLine(QStringLiteral("Monitor: ") + text, type);
@@ -136,10 +141,13 @@ void MonitorModel::LoadSettingsLocked() {
   QSettings settings(settings_path_, QSettings::IniFormat);
   settings.beginGroup(QString::fromStdString(model_));
   const QStringList hidden = settings.value(QStringLiteral("hidden")).toStringList();
+  bool ok = false;
+  const int period = settings.value(QStringLiteral("period")).toInt(&ok);
+  if (ok && period >= kMinPeriodMs && period <= kMaxPeriodMs && period_ms_.exchange(period) != period)
+    next_due_ms_.store(0);
   for (Series& s : series_) {
     const QString id = QString::fromStdString(s.channel.id);
     s.visible = !hidden.contains(id);
-    bool ok = false;
     const double low = settings.value(QStringLiteral("low/") + id).toDouble(&ok);
     if (ok) s.limits.low = low;
     const double high = settings.value(QStringLiteral("high/") + id).toDouble(&ok);
@@ -165,12 +173,17 @@ void MonitorModel::SaveSettingsLocked() const {
       settings.remove(QStringLiteral("high/") + id);
   }
   settings.setValue(QStringLiteral("hidden"), hidden);
+  settings.setValue(QStringLiteral("period"), period_ms_.load());
 }
 
 void MonitorModel::setPeriodMs(int ms) {
   ms = std::clamp(ms, kMinPeriodMs, kMaxPeriodMs);
-  if (period_ms_.exchange(ms) == ms) return;
-  next_due_ms_.store(0);
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (period_ms_.exchange(ms) == ms) return;
+    next_due_ms_.store(0);
+    SaveSettingsLocked();
+  }
   emit settingsChanged();
 }
 
@@ -267,38 +280,42 @@ QVariantList MonitorModel::series() const {
   return out;
 }
 
-void MonitorModel::fillSeries(QObject* xy_series, int index, int width_px) const {
+template <typename Fill>
+bool MonitorModel::ReplacePoints(QObject* xy_series, int index, const Fill& fill) const {
   auto* xy = qobject_cast<QtCharts::QXYSeries*>(xy_series);
-  if (!xy) return;
+  if (!xy) return false;
   QVector<QPointF> points;
   {
     std::lock_guard<std::mutex> lock(mu_);
-    if (index < 0 || index >= static_cast<int>(series_.size())) return;
-    const Series& s = series_[static_cast<size_t>(index)];
-    if (s.visible) {
-      const auto decimated = s.buffer.Decimate(ViewFromLocked(), ViewToLocked(), std::max(1, width_px));
-      points.reserve(static_cast<int>(decimated.size()));
-      for (const auto& p : decimated) points.append(QPointF(static_cast<double>(p.t_ms), p.value));
-    }
+    if (index < 0 || index >= static_cast<int>(series_.size())) return false;
+    fill(series_[static_cast<size_t>(index)], points);
   }
+  // Every replace redraws the whole chart; most ticks leave a limit line, a paused view
+  // or a hidden series as it was. NaN (a gap) never equals itself: compare the bits.
+  const QVector<QPointF> old = xy->pointsVector();
+  if (old.size() == points.size() &&
+      std::memcmp(old.constData(), points.constData(), sizeof(QPointF) * static_cast<size_t>(points.size())) == 0)
+    return false;
   xy->replace(points);
+  return true;
 }
 
-void MonitorModel::fillLimit(QObject* xy_series, int index, bool high) const {
-  auto* xy = qobject_cast<QtCharts::QXYSeries*>(xy_series);
-  if (!xy) return;
-  QVector<QPointF> points;
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    if (index < 0 || index >= static_cast<int>(series_.size())) return;
-    const Series& s = series_[static_cast<size_t>(index)];
+bool MonitorModel::fillSeries(QObject* xy_series, int index, int width_px) const {
+  return ReplacePoints(xy_series, index, [&](const Series& s, QVector<QPointF>& points) {
+    if (!s.visible) return;
+    const auto decimated = s.buffer.Decimate(ViewFromLocked(), ViewToLocked(), std::max(1, width_px));
+    points.reserve(static_cast<int>(decimated.size()));
+    for (const auto& p : decimated) points.append(QPointF(static_cast<double>(p.t_ms), p.value));
+  });
+}
+
+bool MonitorModel::fillLimit(QObject* xy_series, int index, bool high) const {
+  return ReplacePoints(xy_series, index, [&](const Series& s, QVector<QPointF>& points) {
     const std::optional<double>& limit = high ? s.limits.high : s.limits.low;
-    if (s.visible && limit) {
-      points.append(QPointF(static_cast<double>(ViewFromLocked()), *limit));
-      points.append(QPointF(static_cast<double>(ViewToLocked()), *limit));
-    }
-  }
-  xy->replace(points);
+    if (!s.visible || !limit) return;
+    points.append(QPointF(static_cast<double>(ViewFromLocked()), *limit));
+    points.append(QPointF(static_cast<double>(ViewToLocked()), *limit));
+  });
 }
 
 QVariantList MonitorModel::valueRange(int chart) const {
@@ -364,9 +381,12 @@ QString MonitorModel::pointText(int index, double x_ms, double y) const {
   const Series& s = series_[static_cast<size_t>(index)];
   const QString unit =
       s.channel.unit.empty() ? QString() : QStringLiteral(" ") + QString::fromStdString(s.channel.unit);
+  // The chart reports a point on the drawn line, between samples; show the sample itself.
+  const quarn::monitor::Point p = s.buffer.Nearest(static_cast<int64_t>(x_ms));
+  const qint64 t = p.gap() ? static_cast<qint64>(x_ms) : p.t_ms;
   return QStringLiteral("%1  %2  %3%4")
-      .arg(QDateTime::fromMSecsSinceEpoch(static_cast<qint64>(x_ms)).toString(QStringLiteral("HH:mm:ss.zzz")),
-           QString::fromStdString(s.channel.name), Rounded(y), unit);
+      .arg(QDateTime::fromMSecsSinceEpoch(t).toString(QStringLiteral("HH:mm:ss.zzz")),
+           QString::fromStdString(s.channel.name), p.gap() ? Rounded(y) : Number(p.value), unit);
 }
 
 bool MonitorModel::startRecording(const QString& file) {
@@ -414,16 +434,15 @@ int MonitorModel::sampleCount() const {
   return samples_;
 }
 
-QString MonitorModel::pngPath(const QString& file) const {
+bool MonitorModel::savePng(const QVariant& image, const QString& file) {
   const QUrl url(file);
   QString path = url.isLocalFile() ? url.toLocalFile() : file;
   if (!path.endsWith(QStringLiteral(".png"), Qt::CaseInsensitive)) path += QStringLiteral(".png");
-  return path;
-}
-
-void MonitorModel::reportPng(bool ok, const QString& path) {
+  const QImage picture = image.value<QImage>();
+  const bool ok = !picture.isNull() && picture.save(path, "PNG");
   if (ok)
     emit logLine(QStringLiteral("Monitor: charts saved to ") + path, QStringLiteral("INFO"));
   else
     emit problem(QStringLiteral("the charts could not be saved to ") + path);
+  return ok;
 }

@@ -71,22 +71,25 @@ class MonitorModel : public QObject {
   int sampleCount() const;
 
   // Replaces the points of `xy_series` (a line series of the page) with the decimated
-  // history of series `index` for a plot `width_px` wide.
-  Q_INVOKABLE void fillSeries(QObject* xy_series, int index, int width_px) const;
+  // history of series `index` for a plot `width_px` wide. Both leave a series whose
+  // points would not change untouched, so an unchanged chart is not drawn again; they
+  // return whether they replaced the points.
+  Q_INVOKABLE bool fillSeries(QObject* xy_series, int index, int width_px) const;
   // The low (or high) limit of series `index` across the view, or no points without one.
-  Q_INVOKABLE void fillLimit(QObject* xy_series, int index, bool high) const;
+  Q_INVOKABLE bool fillLimit(QObject* xy_series, int index, bool high) const;
   // [min, max] for the value axis of chart `chart`: its visible series and their limits.
   Q_INVOKABLE QVariantList valueRange(int chart) const;
   Q_INVOKABLE void setSeriesVisible(int index, bool on);
   // Empty texts remove a limit; returns "" or why the texts were refused.
   Q_INVOKABLE QString setLimits(int index, const QString& low, const QString& high);
-  // "02:30:05.123  44.21 °C" for a hovered point.
+  // "02:30:05.123  Laser Temperature  44.21 °C": the sample nearest to a hovered point
+  // (the point itself when nothing was read).
   Q_INVOKABLE QString pointText(int index, double x_ms, double y) const;
   Q_INVOKABLE bool startRecording(const QString& file);
   Q_INVOKABLE void stopRecording();
-  // A dialog's URL as a local path with ".png"; and the outcome of saving the picture.
-  Q_INVOKABLE QString pngPath(const QString& file) const;
-  Q_INVOKABLE void reportPng(bool ok, const QString& path);
+  // Saves `image` (a QImage, the page's grab) to a dialog's URL or path, ".png" added
+  // when missing; the outcome goes to the log window or, on failure, to the user.
+  Q_INVOKABLE bool savePng(const QVariant& image, const QString& file);
 
  signals:
   void settingsChanged();
@@ -115,6 +118,8 @@ class MonitorModel : public QObject {
     QString title;
     std::vector<int> members;
   };
+  template <typename Fill>
+  bool ReplacePoints(QObject* xy_series, int index, const Fill& fill) const;
   void ResetLocked(const std::string& model, const std::vector<Channel>& channels);
   void LoadSettingsLocked();
   void SaveSettingsLocked() const;

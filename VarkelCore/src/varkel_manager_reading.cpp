@@ -196,6 +196,7 @@ void VarkelManager::updatePagesTimer() {
         for (VarInfo* var : group)
           if (var->timer_update) timed.push_back(var);
     }
+    const bool page_timed = !timed.empty();
     const int64_t now_ms = QDateTime::currentMSecsSinceEpoch();
     varkel::MonitorPlan plan;
     if (have_table && monitor_->TakeDue(now_ms)) plan = varkel::PlanMonitor(*catalogue->parser);
@@ -216,7 +217,9 @@ void VarkelManager::updatePagesTimer() {
       }
       if (ret < 0) failed.insert(group.vars.begin(), group.vars.end());
     }
-    if (read_any) emit myTimerMapChanged();
+    // A round that read only monitored values has nothing new for the shown page; the
+    // announcement would make every page's bindings evaluate again for nothing.
+    if (read_any && page_timed) emit myTimerMapChanged();
     if (!plan.channels.empty() && page_timer_flag_.load()) SampleMonitor(catalogue->model, plan, now_ms, failed);
 
     std::unique_lock<std::mutex> lock(page_timer_wait_mutex_);

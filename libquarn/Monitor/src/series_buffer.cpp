@@ -1,6 +1,7 @@
 #include "series_buffer.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace quarn::monitor {
 
@@ -213,6 +214,32 @@ std::vector<Point> SeriesBuffer::Decimate(int64_t from_ms, int64_t to_ms, int co
       add);
   column.Flush(out);
   return out;
+}
+
+Point SeriesBuffer::Nearest(int64_t t_ms) const {
+  Point best;
+  auto consider = [&](const Point& p) {
+    if (!p.gap() && (best.gap() || std::llabs(p.t_ms - t_ms) < std::llabs(best.t_ms - t_ms))) best = p;
+  };
+  for (const Bucket& b : buckets_)
+    if (b.count > 0) {
+      consider(Point{b.min_ms, b.min});
+      consider(Point{b.max_ms, b.max});
+    }
+  const auto it =
+      std::lower_bound(recent_.begin(), recent_.end(), t_ms, [](const Point& p, int64_t t) { return p.t_ms < t; });
+  // The first value read on either side.
+  for (auto after = it; after != recent_.end(); ++after)
+    if (!after->gap()) {
+      consider(*after);
+      break;
+    }
+  for (auto before = it; before != recent_.begin();)
+    if (!(--before)->gap()) {
+      consider(*before);
+      break;
+    }
+  return best;
 }
 
 Statistics SeriesBuffer::Stats(int64_t from_ms, int64_t to_ms) const {

@@ -47,6 +47,9 @@ class SeriesBuffer {
   // minimum and the maximum of the column in the order they happened. A column holding a
   // gap ends with a gap point, so a drawn line breaks there.
   std::vector<Point> Decimate(int64_t from_ms, int64_t to_ms, int columns) const;
+  // The value read nearest in time to t_ms (for older times a bucket's extreme); a gap
+  // point when nothing was read.
+  Point Nearest(int64_t t_ms) const;
   // Current (the last value read), min, mean and max over [from_ms, to_ms].
   Statistics Stats(int64_t from_ms, int64_t to_ms) const;
 

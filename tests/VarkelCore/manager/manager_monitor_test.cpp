@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <QDateTime>
+#include <QImage>
 #include <QTemporaryDir>
+#include <QtCharts/QLineSeries>
 
+#include <cmath>
 #include <filesystem>
 
 #include "manager_test_support.h"
@@ -88,6 +92,51 @@ TEST_F(MonitorModelTest, ChartsByUnitLimitsPerModelAndAlertsWithHysteresis) {
   EXPECT_EQ(m_.series()[0].toMap()["high"].toString(), "50");
   EXPECT_FALSE(m_.series()[2].toMap()["visible"].toBool());
   EXPECT_EQ(m_.sampleCount(), 1);
+
+  // The sampling period is kept per model too, and read back by a new run.
+  m_.setPeriodMs(5000);
+  Sample("B", 20);
+  m_.setPeriodMs(200);
+  Sample("A", 20);
+  EXPECT_EQ(m_.periodMs(), 5000);
+  MonitorModel again(dir_.path() + "/Monitor.ini");
+  again.AddSample("B", channels_, t_ms_, {1, 2, 3, 4});
+  EXPECT_EQ(again.periodMs(), 200);
+}
+
+TEST_F(MonitorModelTest, ChartPointsAreReplacedOnlyWhenTheyChangeAndHoverShowsTheSample) {
+  for (double t : {20.0, 21.5, 23.0}) Sample("A", t);
+  QtCharts::QLineSeries line, high;
+  EXPECT_TRUE(m_.fillSeries(&line, 0, 500));
+  EXPECT_EQ(line.count(), 3);
+  EXPECT_FALSE(m_.fillSeries(&line, 0, 500));  // nothing new: the chart is not drawn again
+  EXPECT_FALSE(m_.fillLimit(&high, 0, true));  // no limit, no line
+  ASSERT_EQ(m_.setLimits(0, "", "30"), "");
+  EXPECT_TRUE(m_.fillLimit(&high, 0, true));
+  ASSERT_EQ(high.count(), 2);
+  EXPECT_EQ(high.at(1).y(), 30);
+  Sample("A", NAN);  // not read: a gap
+  EXPECT_TRUE(m_.fillSeries(&line, 0, 500));
+  EXPECT_TRUE(std::isnan(line.at(line.count() - 1).y()));
+  EXPECT_FALSE(m_.fillSeries(&line, 0, 500));  // a gap (NaN) compares equal to itself here
+
+  // The chart hands over a point on the drawn line, between two samples.
+  const QString text = m_.pointText(0, static_cast<double>(t_ms_ - 2000 + 300), 21.9);
+  const QString at = QDateTime::fromMSecsSinceEpoch(t_ms_ - 2000).toString("HH:mm:ss.zzz");
+  EXPECT_EQ(text, at + "  T  21.5 °C");
+}
+
+TEST_F(MonitorModelTest, SavedPngHasTheChartsSizeAndAFailureIsReported) {
+  QImage picture(640, 230, QImage::Format_ARGB32);
+  picture.fill(Qt::darkGray);
+  const QString url = QUrl::fromLocalFile(dir_.path() + "/charts").toString();
+  ASSERT_TRUE(m_.savePng(picture, url));
+  const QImage saved(dir_.path() + "/charts.png");
+  EXPECT_EQ(saved.size(), picture.size());
+  EXPECT_FALSE(m_.savePng(picture, dir_.path() + "/gone/charts.png"));
+  EXPECT_FALSE(m_.savePng(QImage(), dir_.path() + "/empty.png"));
+  ASSERT_EQ(problems_.size(), 2);
+  EXPECT_TRUE(problems_[0].endsWith("/gone/charts.png")) << problems_[0].toStdString();
 }
 
 TEST_F(MonitorModelTest, ARecordingWhoseFolderVanishesStopsWhileSamplingGoesOn) {
