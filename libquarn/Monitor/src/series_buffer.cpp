@@ -167,7 +167,9 @@ struct Column {
       if (lo.t_ms != hi.t_ms || lo.value != hi.value) picked[n++] = hi;
     }
     if (gap) picked[n++] = gap_at;
-    std::stable_sort(picked, picked + n, [](const Point& a, const Point& b) { return a.t_ms < b.t_ms; });
+    // An insertion sort: stable, and without the buffer std::stable_sort would allocate.
+    for (int i = 1; i < n; ++i)
+      for (int j = i; j > 0 && picked[j].t_ms < picked[j - 1].t_ms; --j) std::swap(picked[j], picked[j - 1]);
     out.insert(out.end(), picked, picked + n);
     *this = Column{};
   }
