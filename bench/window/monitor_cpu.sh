@@ -16,10 +16,10 @@ export DISPLAY=$display
 
 xvfb_pid=""
 run_pid=""
+pid=""
 cleanup() {
-  [ -n "$run_pid" ] && kill "$run_pid" 2>/dev/null || true
-  pid=$(pgrep -P "${run_pid:-0}" -x varkel || true)
-  [ -n "$pid" ] && kill "$pid" 2>/dev/null || true
+  # The window first: the script that started it then stops the virtual lidar and exits.
+  [ -n "${pid:-}" ] && kill "$pid" 2>/dev/null || true
   [ -n "$run_pid" ] && wait "$run_pid" 2>/dev/null || true
   [ -n "$xvfb_pid" ] && kill "$xvfb_pid" 2>/dev/null || true
 }
@@ -31,10 +31,14 @@ if ! xdpyinfo >/dev/null 2>&1; then
   for _ in $(seq 1 50); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
 fi
 
+# Clicks go to the topmost window: another one left on this display would take them.
+if xdotool search --name '^Varkel$' >/dev/null 2>&1; then
+  echo "monitor_cpu: a Varkel window is already open on $display" >&2
+  exit 1
+fi
 log=$(mktemp "${TMPDIR:-/tmp}/varkel-cpu.XXXXXX")
 bash scripts/run.sh >"$log" 2>&1 &
 run_pid=$!
-pid=""
 for _ in $(seq 1 600); do
   pid=$(pgrep -P "$run_pid" -x varkel || true)
   [ -n "$pid" ] && xdotool search --pid "$pid" >/dev/null 2>&1 && break
