@@ -14,6 +14,8 @@ Item {
     // Read once per sample for every chart, and not at all while another page is shown.
     readonly property var stats: visible && monitor ? monitor.series : []
     readonly property var periods: [100, 200, 500, 1000, 2000, 5000, 10000, 30000, 60000]
+    // A PNG is being saved: every chart is kept current, those scrolled out of view too.
+    property bool drawAll: false
 
     Connections {
         target: page.monitor
@@ -33,7 +35,7 @@ Item {
         for (var i = 0; i < charts.count; ++i) {
             var c = charts.itemAt(i);
             if (!c) continue;
-            if (inView(c)) c.refresh();
+            if (drawAll || inView(c)) c.refresh();
             else c.stale = true;
         }
     }
@@ -113,21 +115,29 @@ Item {
             contentWidth: availableWidth
             onHeightChanged: page.refreshStale()
 
-            Column {
-                id: chartColumn
-                width: scroll.availableWidth
-                spacing: Theme.spacing
-                Repeater {
-                    id: charts
-                    model: page.monitor ? page.monitor.charts : []
-                    delegate: MonitorChart {
-                        width: chartColumn.width
-                        monitor: page.monitor
-                        chartIndex: index
-                        title: modelData.title
-                        members: modelData.members
-                        stats: page.stats
-                        onErrorRequested: page.errorRequested(message)
+            // The picture's background: the legend's light text stays readable in a PNG.
+            Rectangle {
+                id: chartSheet
+                implicitWidth: scroll.availableWidth
+                implicitHeight: chartColumn.height
+                color: Theme.window
+
+                Column {
+                    id: chartColumn
+                    width: scroll.availableWidth
+                    spacing: Theme.spacing
+                    Repeater {
+                        id: charts
+                        model: page.monitor ? page.monitor.charts : []
+                        delegate: MonitorChart {
+                            width: chartColumn.width
+                            monitor: page.monitor
+                            chartIndex: index
+                            title: modelData.title
+                            members: modelData.members
+                            stats: page.stats
+                            onErrorRequested: page.errorRequested(message)
+                        }
                     }
                 }
             }
@@ -165,12 +175,18 @@ Item {
             nameFilters: ["PNG images (*.png)"]
             onAccepted: {
                 var url = fileUrl;
-                // The picture holds every chart, those scrolled out of view too.
-                for (var i = 0; i < charts.count; ++i) charts.itemAt(i).refresh();
-                chartColumn.grabToImage(function (result) { page.monitor.savePng(result.image, url); });
+                chartSheet.grabToImage(function (result) {
+                    page.monitor.savePng(result.image, url);
+                    page.drawAll = false;
+                });
             }
+            onRejected: page.drawAll = false
         }
         function open() {
+            // A chart draws a moment after its points change: bring them all up to date
+            // while the user names the file.
+            page.drawAll = true;
+            page.refreshCharts();
             active = true;
             item.open();
         }
