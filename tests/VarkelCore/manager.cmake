@@ -28,4 +28,5 @@ varkel_test_properties(varkel_manager_tests REGEX "(^|/)(ManagerUpgrade|ZeltoLin
 # These load the machine or the network namespace heavily: never side by side.
 varkel_test_properties(varkel_manager_tests REGEX "(^|/)(FaultMatrix|NetworkFault)[.]" LABELS timing
                        RESOURCE_LOCK heavy_io)
-varkel_test_properties(varkel_manager_tests REGEX "^Soak[.]" RESOURCE_LOCK heavy_io)
+varkel_test_properties(varkel_manager_tests REGEX "^Soak[.]" RESOURCE_LOCK heavy_io COST 60)
+varkel_test_properties(varkel_manager_tests REGEX "^NetworkFault[.]" COST 8)
