@@ -277,7 +277,7 @@ void VirtualLidar::AcceptLoop() {
     if (!(p[0].revents & POLLIN)) continue;
     const int fd = ::accept(listen_fd_, nullptr, nullptr);
     if (fd < 0) continue;
-    path_->Note("KTC connection accepted");
+    path_->Note("KTC connection accepted (" + std::to_string(++connections_accepted_) + " so far)");
     std::lock_guard<std::mutex> lock(conn_mu_);
     // Finished connections are reaped here, so a long session does not pile up threads.
     for (auto it = connections_.begin(); it != connections_.end();) {
