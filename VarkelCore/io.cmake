@@ -10,6 +10,7 @@ add_library(varkel_io STATIC ${CMAKE_CURRENT_SOURCE_DIR}/src/variable_io.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/change_journal.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/run_program.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/support_bundle.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/src/backup_file.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/src/monitor_plan.cpp)
 target_include_directories(varkel_io PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_link_libraries(varkel_io PUBLIC varkel_config quarn_ktc)

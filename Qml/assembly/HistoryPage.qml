@@ -88,7 +88,8 @@ Item {
 
         Text {
             visible: text !== ""
-            text: history ? (history.filterError !== "" ? history.filterError : history.bundleMessage) : ""
+            text: !history ? "" : history.filterError !== "" ? history.filterError
+                                : history.loading ? "Reading the journal..." : history.bundleMessage
             font.family: Theme.fontFamily
             color: history && history.filterError !== "" ? Theme.error : Theme.text
         }

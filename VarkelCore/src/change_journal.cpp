@@ -43,11 +43,11 @@ std::string ModelOfTable(const ConfigParser& parser) {
 journal::Site ChangeSite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser) {
   journal::Site site{client.GetLidarIp(), ModelOf(parser.file_path), ""};
   if (VarInfo* sn = parser.FindByName("SN")) {
-    if (sn->get_cmd.empty()) {
+    if (sn->get_cmd.empty() || host.FromSensor(*sn)) {
       site.serial = host.Value(*sn);
     } else {
-      // Asked of the sensor each time: the text in hand may be the table's default (the
-      // command line starts from it), and a line naming another unit is worse than none.
+      // Nothing read it on this connection: the text in hand may be the table's default
+      // or another unit's, and a line naming another unit is worse than none.
       try {
         if (ReadGroupValues(host, client, parser, {sn}) > 0) site.serial = host.Value(*sn);
       } catch (const std::exception&) {

@@ -15,7 +15,7 @@ namespace varkel {
 std::string ModelOfTable(const ConfigParser& parser);
 
 // The sensor behind `client`: its address, the model of `parser`'s table and the serial
-// number, read through `host` when no read has brought it yet.
+// number: the one read on this connection, else asked of the sensor through `host`.
 quarn::journal::Site ChangeSite(TableHost& host, quarn::lidar::KtcClient& client, ConfigParser& parser);
 
 // The lines for the variables the user changed in `set` (`what`: "set" or "restore"), the

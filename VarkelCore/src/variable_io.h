@@ -50,6 +50,10 @@ class TableHost {
   virtual bool Edited(const VarInfo& var) = 0;
   // A value just read from the sensor (the controller keeps a pending edit instead).
   virtual void StoreRead(VarInfo& var, const std::string& text) = 0;
+  // Whether the text in hand for `var` came from the sensor over this connection (not the
+  // table's default, an earlier sensor's or the user's). A host that does not keep track
+  // says no, and what needs the sensor's own value asks for it.
+  virtual bool FromSensor(const VarInfo& /*var*/) { return false; }
   // The field of `var_id` in `cmd`'s payload. ConfigParser::GetVarPosOffset rewrites the
   // shared secret's record, so a host that shares the table between threads locks here.
   virtual bool Position(ConfigParser& parser, const std::string& cmd, const std::string& var_id,

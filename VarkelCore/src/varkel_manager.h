@@ -488,6 +488,10 @@ class VarkelManager : public QObject {
   // var_id -> when the value was last read over this connection (ms since the epoch);
   // kept after a disconnect, emptied by ForgetReads. Guarded by values_mutex_.
   std::map<std::string, int64_t> read_ms_;
+  // var_ids whose text in hand is the sensor's as read over this connection (an edit or a
+  // connect drops the mark): the journal names the sensor by such a serial number without
+  // asking again. Guarded by values_mutex_.
+  std::set<std::string> from_sensor_;
   // The page maps as last built, guarded by values_mutex_; their read notes depend on
   // the connection too.
   QVariantList my_map_cache_;

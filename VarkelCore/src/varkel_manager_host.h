@@ -24,6 +24,10 @@ class VarkelManager::TableHost : public varkel::TableHost {
     return m_.edited_values_.count(var.var_id) != 0;
   }
   void StoreRead(VarInfo& var, const std::string& text) override { m_.StoreReadValue(&var, text); }
+  bool FromSensor(const VarInfo& var) override {
+    std::lock_guard<std::mutex> lock(m_.values_mutex_);
+    return m_.from_sensor_.count(var.var_id) != 0;
+  }
   bool Position(ConfigParser& parser, const std::string& cmd, const std::string& var_id, uint32_t payload_length,
                 std::pair<uint32_t, uint32_t>& pos) override {
     std::lock_guard<std::mutex> lock(m_.values_mutex_);

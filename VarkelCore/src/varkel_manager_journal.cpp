@@ -1,11 +1,11 @@
 // The controller's side of the change journal: the sensor a change goes to, the History
 // page's model, and the connected sensor's part of a support bundle.
 
-#include <ctime>
-
 #include <nlohmann/json.hpp>
 
+#include "backup_file.h"
 #include "change_journal.h"
+#include "config_parser.h"
 #include "journal_history.h"
 #include "manager_catalogue.h"
 #include "support_bundle.h"
@@ -38,41 +38,22 @@ QObject* VarkelManager::history() {
     auto catalogue = Catalogue();
     if (!is_connected_.load() || !catalogue || !catalogue->parser) return;
     using Json = nlohmann::ordered_json;
-    const std::string model = varkel::ModelOfTable(*catalogue->parser);
-    Json variables = Json::array(), versions = Json::object();
-    std::string serial, part, firmware;
+    const ConfigParser& table = *catalogue->parser;
+    Json backup, versions = Json::object();
     {
       std::lock_guard<std::mutex> lock(values_mutex_);
-      for (const VarInfo* var : catalogue->parser->records()) {
-        if (var->get_cmd.empty() || var->var_type == "raw" || var->component_type == 6) continue;
-        variables.push_back(Json{{"id", var->var_id},
-                                 {"name", var->var_name},
-                                 {"type", var->var_type},
-                                 {"value", var->current_val},
-                                 {"writable", var->permission != 0 && !var->set_cmd.empty()}});
+      backup = varkel::BackupJson(table, varkel::ModelOfTable(table), varkel::BackedUp(table));
+      for (const VarInfo* var : table.records())
         if (var->var_type == "HWVER" || var->var_type == "SWVER_YMD") versions[var->var_name] = var->current_val;
-        if (var->var_name == "SN") serial = var->current_val;
-        if (var->var_name == "PN") part = var->current_val;
-        if (var->var_name == "Firmware Version") firmware = var->current_val;
-      }
     }
-    char stamp[32];
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    stage.Add("sensor/versions.json",
-              Json{{"model", model}, {"serial_number", serial}, {"part_number", part}, {"versions", versions}}.dump(2) +
-                  "\n");
-    stage.Add("sensor/backup.json", Json{{"format", "varkel-backup"},
-                                         {"version", 1},
-                                         {"model", model},
-                                         {"serial_number", serial},
-                                         {"firmware_version", firmware},
-                                         {"time", stamp},
-                                         {"variables", variables}}
-                                            .dump(2) +
-                                        "\n");
+    const VarInfo* part = table.FindByName("PN");
+    stage.Add("sensor/versions.json", Json{{"model", backup["model"]},
+                                           {"serial_number", backup["serial_number"]},
+                                           {"part_number", part ? ValueOf(part) : std::string()},
+                                           {"versions", versions}}
+                                              .dump(2) +
+                                          "\n");
+    stage.Add("sensor/backup.json", backup.dump(2) + "\n");
   });
   return history_;
 }

@@ -131,6 +131,7 @@ void VarkelManager::SetSnValuesUnknown() {
     if (var->var_name == "SN") {
       var->current_val = "xxxxxxxx";
       read_ms_.erase(var->var_id);
+      from_sensor_.erase(var->var_id);
     }
   values_version_.fetch_add(1);
 }

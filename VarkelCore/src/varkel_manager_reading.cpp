@@ -249,6 +249,7 @@ void VarkelManager::ForgetReads() {
   {
     std::lock_guard<std::mutex> values(values_mutex_);
     read_ms_.clear();
+    from_sensor_.clear();
     values_version_.fetch_add(1);
   }
   {

@@ -54,6 +54,7 @@ void VarkelManager::StoreReadValue(VarInfo* var, const std::string& text) {
     if (edited_values_.count(var->var_id)) return;
   }
   var->current_val = text;
+  from_sensor_.insert(var->var_id);
 }
 
 void VarkelManager::RecordEdit(VarInfo* var, const std::string& text) {
@@ -62,6 +63,7 @@ void VarkelManager::RecordEdit(VarInfo* var, const std::string& text) {
   std::lock_guard<std::mutex> values(values_mutex_);
   if (var->current_val == text) return;
   var->current_val = text;
+  from_sensor_.erase(var->var_id);
   values_version_.fetch_add(1);
   // A variable no command writes has nothing to wait for: reads may replace it.
   if (var->set_cmd.empty()) return;

@@ -1,7 +1,10 @@
 // Figures for the change journal: 1,000 appends from four processes at once, into one
-// file and again across rotations; every line must come back whole and parseable.
+// file and again across rotations; every line must come back whole and parseable. Then the
+// read of a full journal (five rotated files and the current one, 10 MiB each), as the
+// History page's reading thread and `varkel-cli journal` make it.
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -84,6 +88,47 @@ void Print(const char* name, const Figures& f) {
       f.worst_append_us);
 }
 
+// A full journal written straight into its files, then read whole and with a host filter.
+void ReadFull() {
+  char dir[] = "/tmp/journal-bench-XXXXXX";
+  if (!::mkdtemp(dir)) std::exit(1);
+  size_t lines = 0, bytes = 0;
+  for (int g = journal::Writer::kKeep; g >= 0; --g) {
+    std::ofstream out(std::string(dir) + "/" + journal::FileName(g), std::ios::binary);
+    for (size_t file_bytes = 0; file_bytes < journal::Writer::kRotateBytes; ++lines) {
+      journal::Change change{"set", "Noise Filter Level", "8-4", "5", std::to_string(lines), journal::Outcome::kOk, 0};
+      const std::string host = "127.0.0." + std::to_string(2 + lines % 16);
+      const std::string line = journal::MakeEntry({host, "Quenta", "QT26J" + std::to_string(lines % 16)}, change,
+                                                  static_cast<int64_t>(lines))
+                                   .dump() +
+                               "\n";
+      out << line;
+      file_bytes += line.size();
+    }
+    bytes += static_cast<size_t>(out.tellp());
+  }
+  const auto timed = [&](const journal::Filter& filter, size_t* found) {
+    const auto start = Clock::now();
+    *found = journal::Read(dir, filter).size();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  };
+  const auto peak_mib = [] {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss / 1024.0;
+  };
+  std::printf("full journal: %zu lines, %.1f MiB in %d files\n", lines, bytes / 1048576.0, journal::Writer::kKeep + 1);
+  size_t all = 0, one_host = 0, newest = 0;
+  // The History page's read first: the peak it leaves is its own.
+  const double newest_ms = timed({std::nullopt, "", "", 5000}, &newest);
+  std::printf("read the newest %zu (History page): %.1f ms, peak %.0f MiB\n", newest, newest_ms, peak_mib());
+  const double host_ms = timed({std::nullopt, "127.0.0.5", ""}, &one_host);
+  std::printf("read one host's %zu lines: %.1f ms\n", one_host, host_ms);
+  const double all_ms = timed({}, &all);
+  std::printf("read every line: %.1f ms (%.0f lines/s), peak %.0f MiB\n", all_ms, 1000.0 * all / all_ms, peak_mib());
+  std::filesystem::remove_all(dir);
+}
+
 }  // namespace
 
 int main() {
@@ -95,5 +140,6 @@ int main() {
   const bool whole = one.torn == 0 && rotating.torn == 0 && one.lines == kProcesses * kPerProcess &&
                      rotating.lines == kProcesses * kPerProcess && one.out_of_order == 0 && rotating.out_of_order == 0;
   std::printf("every line whole and parseable: %s\n", whole ? "yes" : "NO");
+  ReadFull();
   return whole ? 0 : 1;
 }

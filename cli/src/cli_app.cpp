@@ -132,11 +132,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
   logs->add_flag("--operation", operation, "the operation log's four parts, as one tar archive");
   logs->callback([&] {
     action = [&](const Context& c) { return Logs(c, dir, operation); };
-    // A folder per sensor inside DIR.
-    many = [&] {
-      return RunOnHosts(ctx, fleet, "logs",
-                        [&](const Context& c, const std::string& id) { return Logs(c, dir + "/" + id, operation); });
-    };
+    many = [&] { return LogsMany(ctx, fleet, dir, operation); };
   });
 
   std::string upgrade_var;
@@ -217,9 +213,7 @@ int RunCli(int argc, const char* const* argv, std::ostream& out, std::ostream& e
     return kExitBadInput;
   }
   try {
-    if (!fleet.hosts.empty())
-      return many ? many()
-                  : RunOnHosts(ctx, fleet, command, [&](const Context& c, const std::string&) { return action(c); });
+    if (!fleet.hosts.empty()) return many ? many() : RunOnHosts(ctx, fleet, command, action);
     return action ? action(ctx) : kExitBadInput;
   } catch (const CliError& e) {
     err << "varkel-cli: " << e.what() << "\n";

@@ -101,18 +101,6 @@ std::unique_ptr<ConfigParser> LoadModel(const std::string& dir, const std::strin
   return table;
 }
 
-bool IsReadable(const VarInfo& var) {
-  return !var.get_cmd.empty() && var.var_type != "raw" && var.component_type != 6;
-}
-
-bool IsWritable(const VarInfo& var) {
-  static const char* const kReadOnlyTypes[] = {"raw", "string", "HWVER", "SWVER_YMD", "DT"};
-  if (var.permission == 0 || var.set_cmd.empty() || var.get_cmd.empty()) return false;
-  for (const char* type : kReadOnlyTypes)
-    if (var.var_type == type) return false;
-  return true;
-}
-
 VarInfo& FindVariable(const ConfigParser& table, const std::string& key) {
   if (VarInfo* var = table.FindById(key)) return *var;
   if (VarInfo* var = table.FindByName(key)) return *var;
@@ -120,7 +108,9 @@ VarInfo& FindVariable(const ConfigParser& table, const std::string& key) {
 }
 
 void CliHost::StoreRead(VarInfo& var, const std::string& text) {
-  if (!edited_.count(var.var_id)) var.current_val = text;
+  if (edited_.count(var.var_id)) return;
+  var.current_val = text;
+  from_sensor_.insert(var.var_id);
 }
 
 std::array<float, quarn::lidar::kFovRanges> CliHost::FovValues() {
@@ -133,6 +123,7 @@ std::array<float, quarn::lidar::kFovRanges> CliHost::FovValues() {
 void CliHost::Edit(VarInfo& var, const std::string& text) {
   var.current_val = text;
   edited_[var.var_id] = text;
+  from_sensor_.erase(var.var_id);
 }
 
 std::string TcpReachable(const std::string& host, uint16_t port, uint32_t timeout_ms, double* rtt_ms) {
@@ -171,7 +162,7 @@ std::string TcpReachable(const std::string& host, uint16_t port, uint32_t timeou
   return reason;
 }
 
-Session::Session(const ConnectionOptions& options) : options_(options) {
+Session::Session(const ConnectionOptions& options, const std::function<void(Session&)>& opened) : options_(options) {
   const std::string dir = options.config_dir.empty() ? DefaultConfigDir() : options.config_dir;
   table_ = LoadModel(dir, options.model);
   const std::string where = options.host + ":" + std::to_string(options.port);
@@ -205,6 +196,7 @@ Session::Session(const ConnectionOptions& options) : options_(options) {
     throw CliError(kExitSensor, where + " accepts connections but does not answer KTC " +
                                     std::to_string(options.ktc_version) + ".0");
   host_ = CliHost(client_.get());
+  if (opened) opened(*this);
 }
 
 quarn::journal::Site Session::JournalSite() {

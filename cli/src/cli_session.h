@@ -5,12 +5,15 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "backup_file.h"  // IsReadable, IsWritable
 #include "config_parser.h"
 #include "journal.h"
 #include "ktc_client.h"
@@ -65,10 +68,6 @@ std::string DefaultConfigDir();
 // The table of `model`, or CliError naming the model and the models there are.
 std::unique_ptr<ConfigParser> LoadModel(const std::string& dir, const std::string& model);
 
-// Variables a full read covers: a get command, a type with a text, not a log.
-bool IsReadable(const VarInfo& var);
-// Variables a value can be written to: editable, a set command, a codec for text.
-bool IsWritable(const VarInfo& var);
 // By id first, then by name; CliError "unknown variable" otherwise.
 VarInfo& FindVariable(const ConfigParser& table, const std::string& key);
 
@@ -80,6 +79,7 @@ class CliHost : public varkel::TableHost {
   std::string Value(const VarInfo& var) override { return var.current_val; }
   bool Edited(const VarInfo& var) override { return edited_.count(var.var_id) != 0; }
   void StoreRead(VarInfo& var, const std::string& text) override;
+  bool FromSensor(const VarInfo& var) override { return from_sensor_.count(var.var_id) != 0; }
   // The start angles the sensor reports, read when a field-of-view write needs them.
   std::array<float, quarn::lidar::kFovRanges> FovValues() override;
 
@@ -90,13 +90,15 @@ class CliHost : public varkel::TableHost {
  private:
   quarn::lidar::KtcClient* client_;
   std::map<std::string, std::string> edited_;
+  std::set<std::string> from_sensor_;  // values read on this connection, not edited since
 };
 
 // An open, answering KTC connection with the model's table loaded.
 class Session {
  public:
   // Throws CliError naming what failed: the model, the address, or a peer that is no sensor.
-  explicit Session(const ConnectionOptions& options);
+  // `opened` hears the session once it answers, before the command uses it.
+  explicit Session(const ConnectionOptions& options, const std::function<void(Session&)>& opened = nullptr);
   ConfigParser& table() { return *table_; }
   quarn::lidar::KtcClient& client() { return *client_; }
   CliHost& host() { return host_; }

@@ -24,6 +24,9 @@ struct Context {
   std::ostream* err = nullptr;
   // When set, a transfer reports its pieces here instead of drawing its own bar.
   std::function<void(uint32_t done, uint32_t total)> progress;
+  // When set, hears the command's session as soon as it is open (the many-sensor runs
+  // learn the serial number there, on the command's own connection).
+  std::function<void(Session&)> opened;
 };
 
 int Models(const Context& ctx);
@@ -64,10 +67,12 @@ struct FleetOptions {
 // Why the many-sensor options do not go with `command` (or with --host), "" when they do.
 std::string FleetOptionsFault(const FleetOptions& fleet, const std::string& command, bool host_given);
 // `command` on every host: rows in list order, a summary, the worst status. `one` is the
-// single-sensor command; it gets a context aimed at one host and `id`, the sensor's serial
-// number (else its address) for names of files and folders.
+// single-sensor command, given a context aimed at one host; its connection is the only one
+// to the sensor and gives the row's serial number too.
 int RunOnHosts(const Context& ctx, const FleetOptions& fleet, const std::string& command,
-               const std::function<int(const Context&, const std::string& id)>& one);
+               const std::function<int(const Context&)>& one);
+// One folder per sensor in `dir`: <serial number>, else <address>.
+int LogsMany(const Context& ctx, const FleetOptions& fleet, const std::string& dir, bool operation);
 // One file per sensor in `dir`: <serial number>.json, else <address>.json.
 int BackupMany(const Context& ctx, const FleetOptions& fleet, const std::string& dir);
 // The backup as a profile: IP and MAC variables left out unless asked for.

@@ -104,11 +104,34 @@ std::string FileId(const HostRow& row) {
                     (row.target.label != row.target.address ? "_" + std::to_string(row.target.port) : "");
 }
 
-// Reads the serial number with `info`; false (the row failed) when the sensor cannot say.
-bool Identify(HostRow& row, const Context& ctx) {
-  Capture(row, ctx, [](const Context& c) { return Info(c); });
-  row.serial = row.fields.value("serial_number", "");
-  return row.status == 0;
+// The hidden name a sensor's output has in DIR until its serial number is known.
+std::string PartName(const HostTarget& target) {
+  return "." + target.address + "-" + std::to_string(target.port) + ".part";
+}
+
+// `one` for every row on the row's own connection, which also gives the serial number;
+// `placed` (when given) finishes each row that ran.
+int RunRows(const Context& ctx, const FleetOptions& fleet, const std::string& command,
+            const std::function<int(const Context&, const HostRow&)>& one,
+            const std::function<void(HostRow&)>& placed = nullptr) {
+  std::vector<HostRow> rows = Rows(ctx, fleet);
+  InterruptGuard guard;
+  const std::vector<bool> ran = RunJobs(rows.size(), fleet.jobs, [&](size_t i) {
+    HostRow& row = rows[i];
+    Context c = ctx;
+    c.opened = [&row](Session& session) { row.serial = session.JournalSite().serial; };
+    Capture(row, c, [&](const Context& aimed) { return one(aimed, row); });
+    if (row.serial.empty()) row.serial = row.fields.value("serial_number", "");
+    if (placed) placed(row);
+    if (row.error.empty()) row.detail = Detail(command, row.fields);
+  });
+  if (InterruptGuard::interrupted()) MarkNotRun(rows, ran, kExitInterrupted, "not done: interrupted");
+  return Report(ctx, rows);
+}
+
+// `text` with a leading `from` turned into `to`.
+std::string Moved(const std::string& text, const std::string& from, const std::string& to) {
+  return text.compare(0, from.size(), from) == 0 ? to + text.substr(from.size()) : text;
 }
 
 }  // namespace
@@ -214,20 +237,44 @@ std::string FleetOptionsFault(const FleetOptions& fleet, const std::string& comm
 }
 
 int RunOnHosts(const Context& ctx, const FleetOptions& fleet, const std::string& command,
-               const std::function<int(const Context&, const std::string& id)>& one) {
-  std::vector<HostRow> rows = Rows(ctx, fleet);
-  InterruptGuard guard;
-  const std::vector<bool> ran = RunJobs(rows.size(), fleet.jobs, [&](size_t i) {
-    HostRow& row = rows[i];
-    if (!Identify(row, ctx)) return;
-    if (command != "info") {
-      const std::string id = FileId(row);
-      Capture(row, ctx, [&](const Context& c) { return one(c, id); });
-    }
-    if (row.error.empty()) row.detail = Detail(command, row.fields);
-  });
-  if (InterruptGuard::interrupted()) MarkNotRun(rows, ran, kExitInterrupted, "not done: interrupted");
-  return Report(ctx, rows);
+               const std::function<int(const Context&)>& one) {
+  return RunRows(ctx, fleet, command, [&](const Context& c, const HostRow&) { return one(c); });
+}
+
+int LogsMany(const Context& ctx, const FleetOptions& fleet, const std::string& dir, bool operation) {
+  return RunRows(
+      ctx, fleet, "logs",
+      [&](const Context& c, const HostRow& row) {
+        return Logs(c, (fs::path(dir) / PartName(row.target)).string(), operation);
+      },
+      [&](HostRow& row) {
+        // The serial number came with the download's connection: only now can the folder have its name.
+        const fs::path part = fs::path(dir) / PartName(row.target), folder = fs::path(dir) / FileId(row);
+        std::error_code ec;
+        // A sensor that gave nothing leaves no folder.
+        if (fs::is_empty(part, ec) || ec) {
+          fs::remove(part, ec);
+          return;
+        }
+        fs::create_directories(folder, ec);
+        std::vector<fs::path> found;
+        for (const auto& entry : fs::directory_iterator(part, ec)) found.push_back(entry.path());
+        for (const fs::path& path : found) {
+          fs::rename(path, folder / path.filename(), ec);
+          if (ec) {
+            row.status = std::max(row.status, kExitBadInput);
+            row.error = "cannot move " + path.string() + " into " + folder.string() + ": " + ec.message();
+            return;
+          }
+        }
+        fs::remove(part, ec);
+        if (row.fields.contains("files"))
+          for (Json& file : row.fields["files"])
+            if (file.contains("file")) file["file"] = Moved(file["file"], part.string(), folder.string());
+        if (row.fields.contains("archive"))
+          row.fields["archive"] =
+              Moved(row.fields["archive"], fs::absolute(part).string(), fs::absolute(folder).string());
+      });
 }
 
 int BackupMany(const Context& ctx, const FleetOptions& fleet, const std::string& dir) {
@@ -239,7 +286,7 @@ int BackupMany(const Context& ctx, const FleetOptions& fleet, const std::string&
   const std::vector<bool> ran = RunJobs(rows.size(), fleet.jobs, [&](size_t i) {
     HostRow& row = rows[i];
     // The serial number names the file, and the backup holds it: no read of its own.
-    const fs::path part = fs::path(dir) / ("." + row.target.address + "-" + std::to_string(row.target.port) + ".part");
+    const fs::path part = fs::path(dir) / PartName(row.target);
     Capture(row, ctx, [&](const Context& c) { return Backup(c, part.string()); });
     if (row.status != 0) return;
     try {
@@ -309,8 +356,7 @@ int RestoreMany(const Context& ctx, const FleetOptions& fleet, const std::string
   if (!written) throw CliError(kExitBadInput, "cannot write a temporary profile");
   if (!ctx.json && !addresses.empty())
     *ctx.out << "left out: " << Joined(addresses) << " (--include-addresses to write them)\n";
-  return RunOnHosts(ctx, fleet, "restore",
-                    [&](const Context& c, const std::string&) { return Restore(c, path, options); });
+  return RunOnHosts(ctx, fleet, "restore", [&](const Context& c) { return Restore(c, path, options); });
 }
 
 }  // namespace varkel::cli

@@ -217,7 +217,7 @@ int Restore(const Context& ctx, const std::string& file, const RestoreOptions& o
   if (model != ctx.connection.model && !options.other_model)
     throw CliError(kExitBadInput, file + " is a backup of " + model + ", not of " + ctx.connection.model +
                                       " (--other-model to restore it anyway)");
-  Session session(ctx.connection);
+  Session session(ctx.connection, ctx.opened);
   ConfigParser& table = session.table();
   Json skipped = Json::array();
   const std::vector<Change> wanted = Match(backup, table, ctx.connection.model, skipped);

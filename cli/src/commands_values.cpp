@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
-#include <ctime>
 #include <fstream>
 #include <iomanip>
 #include <memory>
@@ -20,8 +19,6 @@
 namespace varkel::cli {
 
 // Helpers used here only are static; the others are shared with restore (commands_shared.h).
-static const char kBackupFormat[] = "varkel-backup";
-static constexpr int kBackupVersion = 1;
 
 static std::string Lower(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -226,7 +223,7 @@ int Models(const Context& ctx) {
 }
 
 int Info(const Context& ctx) {
-  Session session(ctx.connection);
+  Session session(ctx.connection, ctx.opened);
   ConfigParser& table = session.table();
   std::vector<VarInfo*> vars;
   for (VarInfo* var : session.Readable())
@@ -260,7 +257,7 @@ int Info(const Context& ctx) {
 }
 
 int Get(const Context& ctx, const std::vector<std::string>& keys) {
-  Session session(ctx.connection);
+  Session session(ctx.connection, ctx.opened);
   std::vector<VarInfo*> vars;
   if (keys.empty()) {
     vars = session.Readable();
@@ -299,7 +296,7 @@ int Get(const Context& ctx, const std::vector<std::string>& keys) {
 }
 
 int Set(const Context& ctx, const std::vector<std::string>& assignments, bool force) {
-  Session session(ctx.connection);
+  Session session(ctx.connection, ctx.opened);
   std::vector<Change> changes;
   std::set<const VarInfo*> named;
   for (const std::string& assignment : assignments) {
@@ -318,23 +315,10 @@ int Set(const Context& ctx, const std::vector<std::string>& assignments, bool fo
 }
 
 int Backup(const Context& ctx, const std::string& file) {
-  Session session(ctx.connection);
+  Session session(ctx.connection, ctx.opened);
   const std::vector<VarInfo*> vars = session.Readable();
   ReadOrFail(session, vars);
-  char stamp[32];
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  Json variables = Json::array();
-  for (const VarInfo* var : vars) variables.push_back(VarJson(*var));
-  const Json backup{{"format", kBackupFormat},
-                    {"version", kBackupVersion},
-                    {"model", session.options().model},
-                    {"serial_number", FirstOf(session.table(), {"SN"})},
-                    {"firmware_version", FirstOf(session.table(), {"Firmware Version"})},
-                    {"time", stamp},
-                    {"variables", variables}};
+  const Json backup = BackupJson(session.table(), session.options().model, {vars.begin(), vars.end()});
   // The earlier backup stays whole until the new one is.
   std::string error;
   if (!quarn::WriteFileAtomically(file, backup.dump(2) + "\n", &error)) throw CliError(kExitBadInput, error);
@@ -349,7 +333,7 @@ int Backup(const Context& ctx, const std::string& file) {
 
 int Diff(const Context& ctx, const std::string& file, bool all) {
   const Json backup = LoadBackup(file);
-  Session session(ctx.connection);
+  Session session(ctx.connection, ctx.opened);
   ConfigParser& table = session.table();
   std::vector<std::pair<VarInfo*, std::string>> compared;  // variable, backup value
   for (const Json& v : backup["variables"]) {

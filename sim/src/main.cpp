@@ -48,7 +48,10 @@ int RunFleet(const varkel::sim::SimCommandLine& cl, sigset_t* signals) {
   std::printf("varkel-sim: running; Ctrl-C stops\n");
   std::fflush(stdout);
   Wait(signals);
+  uint64_t accepted = 0;  // before Stop, which lets the members go
+  for (size_t i = 0; i < fleet.size(); ++i) accepted += fleet.member(i).ConnectionsAccepted();
   fleet.Stop();
+  std::printf("varkel-sim: %llu KTC connection(s) accepted\n", static_cast<unsigned long long>(accepted));
   return 0;
 }
 
@@ -105,5 +108,7 @@ int main(int argc, char** argv) {
 
   Wait(&signals);
   lidar.Stop();
+  std::printf("varkel-sim: %llu KTC connection(s) accepted\n",
+              static_cast<unsigned long long>(lidar.ConnectionsAccepted()));
   return 0;
 }

@@ -19,6 +19,7 @@
 #include "ktc_wire.h"
 #include "model_table.h"
 #include "platform/net.h"
+#include "platform/net_socket_options.h"
 #include "pty_pair.h"
 #include "register_bank.h"
 #include "reply_path.h"
@@ -277,7 +278,7 @@ void VirtualLidar::AcceptLoop() {
     if (!(p[0].revents & POLLIN)) continue;
     const int fd = ::accept(listen_fd_, nullptr, nullptr);
     if (fd < 0) continue;
-    path_->Note("KTC connection accepted");
+    path_->Note("KTC connection accepted (" + std::to_string(++connections_accepted_) + " so far)");
     std::lock_guard<std::mutex> lock(conn_mu_);
     // Finished connections are reaped here, so a long session does not pile up threads.
     for (auto it = connections_.begin(); it != connections_.end();) {
@@ -304,7 +305,8 @@ void VirtualLidar::Serve(Connection* conn) {
   }
   KtcRequestReader reader(opt_.ktc_version);
   const int version = opt_.ktc_version == 2 ? 2 : 1;
-  std::vector<uint8_t> buf(4096);
+  // Over TLS a read takes a whole record (up to 16 KiB) at once.
+  std::vector<uint8_t> buf(tls_ctx_ ? 16384 : 4096);
   bool open = true;
   // Over TLS the connection starts with the handshake; reads wake every poll period so that
   // Stop is seen, and a failed handshake ends the connection without a word.
@@ -313,6 +315,8 @@ void VirtualLidar::Serve(Connection* conn) {
   if (tls_ctx_) {
     net::SetReceiveTimeoutMs(fd, kPollMs);
     net::SetSendTimeoutMs(fd, kPollMs);
+    // Replies are whole records, one send each; nothing is gained by holding one back.
+    net::SetNoDelay(fd);
     std::string why;
     ssl = AcceptTls(tls_ctx_.get(), fd, kTlsHandshakeMs, running_, &why);
     if (ssl == nullptr) {
@@ -337,8 +341,9 @@ void VirtualLidar::Serve(Connection* conn) {
   };
 
   while (handshaken && open && running_.load()) {
-    // Bytes TLS holds already (decrypted or read ahead) are not on the socket any more.
-    if (ssl == nullptr || (SSL_pending(ssl) == 0 && SSL_has_pending(ssl) == 0)) {
+    // Over TLS the read itself waits: the socket's receive time-out wakes it every poll
+    // period, so a poll before it would only cost a system call per request.
+    if (ssl == nullptr) {
       pollfd p{fd, POLLIN, 0};
       const int r = ::poll(&p, 1, kPollMs);
       if (r == 0 || (r < 0 && errno == EINTR)) continue;
@@ -346,7 +351,7 @@ void VirtualLidar::Serve(Connection* conn) {
     }
     const ssize_t n =
         ssl != nullptr ? TlsRead(ssl, buf.data(), static_cast<int>(buf.size())) : ::recv(fd, buf.data(), buf.size(), 0);
-    if (ssl != nullptr && n < 0) continue;  // a record not yet whole
+    if (ssl != nullptr && n < 0) continue;  // nothing within the poll period, or a record not yet whole
     if (n <= 0) break;
     reader.Feed(buf.data(), static_cast<size_t>(n));
     if (reader.broken()) {

@@ -144,6 +144,8 @@ class VirtualLidar {
   // restarts begun and resets done since Start. A reset counts as a restart too.
   uint64_t RestartCount() const;
   uint64_t ResetCount() const;
+  // KTC connections accepted since construction (ResetCounters leaves it).
+  uint64_t ConnectionsAccepted() const { return connections_accepted_.load(); }
   // Takes effect from the next restart.
   void SetRestartDelay(int ms);
   // Takes effect from the next log request; clamped to kMaxLogSize.
@@ -277,6 +279,7 @@ class VirtualLidar {
   const Connection* transfer_owner_ = nullptr;
   uint64_t restarts_ = 0;
   uint64_t resets_ = 0;
+  std::atomic<uint64_t> connections_accepted_{0};
   uint64_t upgrades_received_ = 0;
   uint64_t junction_box_upgrades_ = 0;
   std::vector<BaudRequest> baud_requests_;

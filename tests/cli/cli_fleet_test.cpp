@@ -133,7 +133,13 @@ TEST_F(FleetTest, OneFailingMemberLeavesTheOthersAloneAndGivesTheWorstStatus) {
   EXPECT_NE(rows[2]["error"].get<std::string>().find("does not answer KTC"), std::string::npos);
   EXPECT_NE(rows[0]["serial_number"], rows[1]["serial_number"]);
 
+  // One session per sensor, the serial number included: as many connections as one
+  // sensor's own run makes.
+  const uint64_t before = fleet_->member(1).ConnectionsAccepted();
+  ASSERT_EQ(Run({"--port", std::to_string(fleet_->port()), "--host", "127.0.0.3", "info"}, false).status, 0);
+  const uint64_t one_run = fleet_->member(1).ConnectionsAccepted() - before;
   Result table = RunMany({"get", "Spin Rate"});
+  EXPECT_EQ(fleet_->member(1).ConnectionsAccepted() - before, 2 * one_run);
   EXPECT_EQ(table.status, kExitSensor);
   std::istringstream lines(table.out);
   std::vector<std::string> got;
@@ -141,6 +147,17 @@ TEST_F(FleetTest, OneFailingMemberLeavesTheOthersAloneAndGivesTheWorstStatus) {
   EXPECT_EQ(got, (std::vector<std::string>{"HOST", "127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5", "3"}));
   EXPECT_NE(table.out.find("Spin Rate=600"), std::string::npos) << table.out;
   EXPECT_NE(table.out.find("\n3 ok, 1 failed\n"), std::string::npos) << table.out;
+  EXPECT_NE(table.out.find(fleet_->member(3).Value("SN")), std::string::npos) << table.out;
+
+  // Logs land in a folder named by the serial number the download's own session read.
+  const std::string logs = File("logs");
+  Result logged = RunMany({"--json", "logs", logs});
+  const Json logged_rows = Json::parse(logged.out);
+  const std::string folder = logs + "/" + fleet_->member(3).Value("SN");
+  ASSERT_EQ(logged_rows[3]["status"], 0) << logged.out;
+  EXPECT_EQ(logged_rows[3]["files"][0]["file"].get<std::string>().rfind(folder + "/", 0), 0u) << logged.out;
+  EXPECT_TRUE(fs::exists(logged_rows[3]["files"][0]["file"].get<std::string>()));
+  EXPECT_EQ(std::distance(fs::directory_iterator(logs), fs::directory_iterator()), 3);  // none for the silent one
 
   // Refused before anything is sent.
   fleet_->member(0).ResetCounters();

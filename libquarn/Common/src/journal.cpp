@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fstream>
 #include <mutex>
 
@@ -231,7 +232,7 @@ std::string FormatTime(int64_t time_ms) {
 }
 
 std::vector<nlohmann::ordered_json> Read(const std::string& directory, const Filter& filter, size_t* skipped) {
-  std::vector<nlohmann::ordered_json> entries;
+  std::deque<nlohmann::ordered_json> entries;
   size_t bad = 0;
   // Oldest file first; a generation beyond the kept ones may linger from a larger keep.
   for (int generation = Writer::kKeep + 1; generation >= 0; --generation) {
@@ -251,10 +252,11 @@ std::vector<nlohmann::ordered_json> Read(const std::string& directory, const Fil
         if (!time || *time < *filter.since_ms) continue;
       }
       entries.push_back(std::move(entry));
+      if (filter.newest && entries.size() > filter.newest) entries.pop_front();
     }
   }
   if (skipped) *skipped = bad;
-  return entries;
+  return {std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end())};
 }
 
 }  // namespace quarn::journal

@@ -85,6 +85,7 @@ struct Filter {
   std::optional<int64_t> since_ms;
   std::string host;    // empty: any
   std::string serial;  // empty: any
+  size_t newest = 0;   // 0: every match; else only the newest this many (the rest never held)
 };
 // The entries of every journal file in `directory` that pass `filter`, oldest first. Lines
 // that are no JSON object (a file cut by a full disk) are skipped and counted in *skipped.

@@ -220,6 +220,9 @@ bool VerifiedTlsClient::Connect(uint16_t local_port, uint32_t timeout_ms) {
   if (local_port != 0 && !net::BindLocalPort(socket_, local_port))
     LOG_ERROR("Failed to bind local port, system will auto assign one");
   const std::string where = lidar_ip_ + ":" + std::to_string(lidar_port_);
+  // TLS hands the socket whole records, one send each: holding a record back until the
+  // previous one is acknowledged only delays the message (and every handshake flight).
+  net::SetNoDelay(socket_);
   net::SetNonBlocking(socket_, true);
   if (::connect(socket_, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
     const int err = net::LastSocketError();

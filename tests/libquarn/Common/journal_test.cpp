@@ -75,6 +75,11 @@ TEST_F(Journal, RotationKeepsFiveOldFilesAndDropsTheOldest) {
   ASSERT_FALSE(entries.empty());
   EXPECT_GT(std::stoi(entries.front()["new"].get<std::string>()), 0) << "the oldest lines were to go";
   EXPECT_EQ(entries.back()["new"], "39");
+  // The newest few, across the files, in order.
+  const auto newest = journal::Read(dir_, {std::nullopt, "", "", 12});
+  ASSERT_EQ(newest.size(), 12u);
+  EXPECT_EQ(newest.front(), entries[entries.size() - 12]);
+  EXPECT_EQ(newest.back()["new"], "39");
 }
 
 TEST_F(Journal, UnwritableJournalFailsTheAppendNotTheCaller) {

@@ -11,6 +11,9 @@ namespace quarn::lidar::net {
 bool GetPendingError(socket_t s, int& error);
 bool GetReceiveBufferSize(socket_t s, uint32_t& size);
 bool SetReceiveBufferSize(socket_t s, uint32_t size);
+// Segments go out as soon as they are written, not held back for the peer's
+// acknowledgement of earlier ones.
+bool SetNoDelay(socket_t s);
 // Waits until the socket is writable: >0 ready, 0 time-out, <0 error.
 int WaitWritable(socket_t s, uint32_t seconds, uint32_t microseconds);
 // Waits until the socket has something to read: >0 ready, 0 time-out, <0 error. Any socket

@@ -1,3 +1,5 @@
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -24,6 +26,11 @@ bool GetReceiveBufferSize(socket_t s, uint32_t& size) {
 bool SetReceiveBufferSize(socket_t s, uint32_t size) {
   const int value = size > INT32_MAX ? INT32_MAX : static_cast<int>(size);
   return setsockopt(s, SOL_SOCKET, SO_RCVBUF, &value, sizeof(value)) == 0;
+}
+
+bool SetNoDelay(socket_t s) {
+  const int on = 1;
+  return setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) == 0;
 }
 
 int WaitWritable(socket_t s, uint32_t seconds, uint32_t microseconds) {
