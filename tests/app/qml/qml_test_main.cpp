@@ -158,14 +158,6 @@ class Harness : public QObject {
   Q_INVOKABLE QStringList filesIn(const QUrl& folder, const QString& prefix) const {
     return QDir(folder.toLocalFile()).entryList({prefix + "*"}, QDir::Files);
   }
-  // Whether the file holds exactly the body the virtual lidar sends for `log`.
-  Q_INVOKABLE bool holdsLog(const QUrl& folder, const QString& name, const QString& log) const {
-    QFile file(folder.toLocalFile() + "/" + name);
-    if (!file.open(QIODevice::ReadOnly)) return false;
-    const QByteArray bytes = file.readAll();
-    const auto body = sim_->LogBody(log.toStdString());
-    return body && std::vector<uint8_t>(bytes.begin(), bytes.end()) == *body;
-  }
   // The payload of the last request with command `cmd` as upper-case hexadecimal, "0A 1B".
   Q_INVOKABLE QString lastPayloadHex(int cmd) const {
     const std::vector<uint8_t> payload = sim_->LastPayload(static_cast<uint8_t>(cmd));
