@@ -104,16 +104,10 @@ class Harness : public QObject {
   // `cert` ("sensor", "self", ...); its port, 0 when it did not start.
   Q_INVOKABLE int startTlsSim(const QString& cert) {
     if (!pki_) pki_ = std::make_unique<simtest::TestPki>();
-    varkel::sim::SimOptions o;
-    o.config_dir = VARKEL_BINARY_DIR "/Config/varID";
-    o.port = 0;
-    o.live_values = false;
-    o.tls = true;
-    o.tls_cert = pki_->Cert(cert.toStdString());
-    o.tls_key = pki_->Key(cert.toStdString());
-    tls_sims_.push_back(std::make_unique<varkel::sim::VirtualLidar>(o));
-    std::string error;
-    return tls_sims_.back()->Start(&error) ? tls_sims_.back()->port() : 0;
+    auto sim = simtest::StartTlsLidar(*pki_, "Quenta", VARKEL_BINARY_DIR "/Config/varID", cert.toStdString());
+    if (!sim) return 0;
+    tls_sims_.push_back(std::move(sim));
+    return tls_sims_.back()->port();
   }
   // Every test starts from the same settings file: a connect writes what it used (a TLS
   // test's port and switch) for the next window to start with.
