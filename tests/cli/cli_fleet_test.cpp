@@ -15,6 +15,7 @@
 #include "fleet_runner.h"
 #include "host_list.h"
 #include "virtual_fleet.h"
+#include "wait_until.h"
 
 namespace varkel::cli::testing {
 namespace {
@@ -79,8 +80,7 @@ TEST(JobRunner, KeepsToItsJobsAndCtrlCStartsNothingNew) {
   const std::vector<bool> ran = RunJobs(5, 1, [&](size_t i) {
     if (i == 1) {
       ::kill(::getpid(), SIGINT);
-      for (int waited = 0; waited < 5000 && !InterruptGuard::interrupted(); ++waited)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      vktest::PollUntil([] { return InterruptGuard::interrupted(); }, std::chrono::seconds(10));
     }
     ended[i] = true;  // a running one still ends
   });
