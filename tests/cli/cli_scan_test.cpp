@@ -15,8 +15,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "test_certificates.h"
 #include "cli_fixture.h"
+#include "test_certificates.h"
 
 namespace {
 
@@ -164,17 +164,14 @@ TEST_F(CliScanTest, ScanOfAPrefixVisitsEveryHostAddressInParallel) {
 
 namespace {
 
-// With --tls a port counts only when its certificate is verified and KTC answers inside
-// the handshake; a plain sensor and a wrong certificate are refused with the reason.
-TEST_F(CliScanTest, ScanOverTlsCountsOnlyVerifiedSensors) {
+// TLS only when asked on the command line. A scan counts a port only when its certificate
+// is verified and KTC answers inside the handshake; a command on a refused sensor ends with
+// the reason; the certificate options alone are a mistake.
+TEST_F(CliScanTest, TlsIsVerifiedOrRefusedWithTheReason) {
   simtest::TestPki pki;
-  auto tls_sim = [&](const std::string& cert) {
-    auto sim = simtest::StartTlsLidar(pki, "Quenta", kTables, cert);
-    EXPECT_NE(sim, nullptr);
-    return sim;
-  };
-  auto good = tls_sim("sensor");
-  auto wrong = tls_sim("wrong");
+  auto good = simtest::StartTlsLidar(pki, "Quenta", kTables, "sensor");
+  auto wrong = simtest::StartTlsLidar(pki, "Quenta", kTables, "wrong");
+  ASSERT_TRUE(good && wrong);
   const std::string ports =
       std::to_string(good->port()) + "," + std::to_string(wrong->port()) + "," + std::to_string(sim_->port());
   Result scan = Run(
@@ -193,14 +190,27 @@ TEST_F(CliScanTest, ScanOverTlsCountsOnlyVerifiedSensors) {
                            {"port", wrong->port()},
                            {"status", "TLS refused"},
                            {"detail", "certificate is for 127.0.0.2, not 127.0.0.1"}}));
-  EXPECT_EQ(rows[2], (Json{{"address", "127.0.0.1"},
-                           {"port", sim_->port()},
-                           {"status", "TLS refused"},
-                           {"detail",
-                            "the sensor did not answer the TLS handshake within 500 ms (is it a plain KTC "
-                            "port?)"}}));
+  EXPECT_EQ(rows[2]["status"], "TLS refused");
   // The plain sensor saw the handshake only, never a plain probe.
   EXPECT_EQ(sim_->CommandCount(7), 0u);
+
+  const auto at = [&](uint16_t port, const std::string& command) {
+    return Run({"--host", "127.0.0.1", "--port", std::to_string(port), "--timeout", "1000", "--tls", "--ca",
+                pki.Cert("ca"), command},
+               false);
+  };
+  Result info = at(good->port(), "info");
+  ASSERT_EQ(info.status, 0) << info.err;
+  EXPECT_NE(info.out.find("TLS, verified, issued by Test Sensor CA"), std::string::npos) << info.out;
+  Result refused = at(wrong->port(), "get");
+  EXPECT_EQ(refused.status, 3);
+  EXPECT_EQ(refused.err, "varkel-cli: no verified TLS connection to 127.0.0.1:" + std::to_string(wrong->port()) +
+                             ": certificate is for 127.0.0.2, not 127.0.0.1\n");
+  EXPECT_EQ(wrong->CommandCount(7), 0u);
+
+  Result loose = Run({"--ca", pki.Cert("ca"), "get"});
+  EXPECT_EQ(loose.status, 2);
+  EXPECT_EQ(loose.err, "varkel-cli: --ca, --cert and --key go with --tls\n");
 }
 
 }  // namespace

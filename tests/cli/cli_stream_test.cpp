@@ -18,31 +18,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-// A UDP port on every address, held (fd >= 0) or released again.
-int HoldUdpPort(uint16_t* port) {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  socklen_t len = sizeof(a);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  *port = ntohs(a.sin_port);
-  return fd;
-}
-
-// A loopback TCP port nobody listens on.
-uint16_t UnusedTcpPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return ntohs(a.sin_port);
-}
-
 class CliStreamTest : public CliTest {
  protected:
   // The virtual lidar again, now streaming to this machine's `data_port_`.
@@ -110,7 +85,7 @@ TEST_F(CliStreamTest, ADestinationElsewhereIsNamedAndTheAdvisedCommandBringsTheS
 
 TEST_F(CliStreamTest, ABusyPortIsAnErrorAndWithoutASensorOnlyFiguresAreGiven) {
   uint16_t busy = 0;
-  const int holder = HoldUdpPort(&busy);
+  const int holder = vktest::HoldPort(SOCK_DGRAM, &busy);
   Result r = Run({"stream", "--data-port", std::to_string(busy), "--seconds", "0.2"});
   EXPECT_EQ(r.status, kExitBadInput);
   EXPECT_EQ(r.err, "varkel-cli: port " + std::to_string(busy) +
@@ -124,7 +99,8 @@ TEST_F(CliStreamTest, ABusyPortIsAnErrorAndWithoutASensorOnlyFiguresAreGiven) {
   EXPECT_NE(r.out.find("No sensor is connected"), std::string::npos) << r.out;
 
   // A sensor that does not answer: it still listens and says why there is no diagnosis.
-  r = Run({"--port", std::to_string(UnusedTcpPort()), "stream", "--data-port", quiet, "--seconds", "0.3"});
+  r = Run(
+      {"--port", std::to_string(vktest::FreePort(SOCK_STREAM)), "stream", "--data-port", quiet, "--seconds", "0.3"});
   EXPECT_EQ(r.status, kExitSensor);
   EXPECT_NE(r.out.find("did not answer"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("so no diagnosis could be made."), std::string::npos) << r.out;

@@ -15,7 +15,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "test_certificates.h"
 #include "cli_fixture.h"
 #include "completion.h"
 
@@ -87,26 +86,6 @@ TEST_F(CliTest, SetSendsTheWholePayloadWithTheUntouchedFieldsPresentValues) {
   // One query of 0x30 before writing, one to read back; the payload is four bytes.
   EXPECT_EQ(sim_->CommandCount(0x31), 1u);
   EXPECT_EQ(sim_->LastPayload(0x31).size(), 4u);
-
-  // The read-only MAC travels as the sensor holds it, whatever its digits: through its
-  // text it would be rewritten (0x25 read as decimal 25) or refused (a letter).
-  const struct {
-    const char* mac;
-    std::vector<uint8_t> bytes;
-  } sensors[] = {{"00:25:90:12:34:56", {0x00, 0x25, 0x90, 0x12, 0x34, 0x56}},
-                 {"00:0E:C6:12:34:56", {0x00, 0x0E, 0xC6, 0x12, 0x34, 0x56}}};
-  int host = 7;
-  for (const auto& sensor : sensors) {
-    ASSERT_TRUE(sim_->SetValue("MAC Address", sensor.mac));
-    const std::string address = "127.0.0." + std::to_string(host++);
-    const Result r = Run({"set", "IP Address=" + address});
-    EXPECT_EQ(r.status, 0) << r.err;
-    const std::vector<uint8_t> payload = sim_->LastPayload(0x21);
-    ASSERT_EQ(payload.size(), 18u);
-    EXPECT_EQ(std::vector<uint8_t>(payload.end() - 6, payload.end()), sensor.bytes) << sensor.mac;
-    EXPECT_EQ(sim_->Value("MAC Address"), sensor.mac);
-    EXPECT_EQ(sim_->Value("IP Address"), address);
-  }
 }
 
 TEST_F(CliTest, GetIsOneQueryPerGroupAndItsJsonIsStable) {
@@ -203,43 +182,6 @@ TEST_F(CliTest, UnreachableSensorAndSettingsFileDefaults) {
   Result gone = Run({"get"}, false);
   EXPECT_EQ(gone.status, 3);
   EXPECT_EQ(gone.err, "varkel-cli: cannot reach 127.0.0.1:" + std::to_string(port) + ": connection refused\n");
-}
-
-// TLS only when asked on the command line: verified, writing as over TCP, or refused with
-// the reason; the certificate options alone are a mistake.
-TEST_F(CliTest, TlsIsVerifiedOrRefusedWithTheReason) {
-  simtest::TestPki pki;
-  const auto start_tls = [&](const std::string& cert) {
-    auto sim = simtest::StartTlsLidar(pki, "Quenta", kTables, cert);
-    EXPECT_NE(sim, nullptr);
-    return sim;
-  };
-  auto good = start_tls("sensor");
-  const auto at = [](uint16_t port) {
-    return std::vector<std::string>{"--host", "127.0.0.1", "--port", std::to_string(port), "--timeout", "1000"};
-  };
-  auto args = at(good->port());
-  args.insert(args.end(), {"--tls", "--ca", pki.Cert("ca"), "info"});
-  Result info = Run(args, false);
-  ASSERT_EQ(info.status, 0) << info.err;
-  EXPECT_NE(info.out.find("TLS, verified, issued by Test Sensor CA"), std::string::npos) << info.out;
-  args = at(good->port());
-  args.insert(args.end(), {"--tls", "--ca", pki.Cert("ca"), "set", "Noise Filter Level=7"});
-  EXPECT_EQ(Run(args, false).status, 0);
-  EXPECT_EQ(good->Value("Noise Filter Level"), "7");
-
-  auto self = start_tls("self");
-  args = at(self->port());
-  args.insert(args.end(), {"--tls", "--ca", pki.Cert("ca"), "get"});
-  Result refused = Run(args, false);
-  EXPECT_EQ(refused.status, 3);
-  EXPECT_EQ(refused.err, "varkel-cli: no verified TLS connection to 127.0.0.1:" + std::to_string(self->port()) +
-                             ": certificate not trusted (self-signed)\n");
-  EXPECT_EQ(self->CommandCount(7), 0u);
-
-  Result loose = Run({"--ca", pki.Cert("ca"), "get"});
-  EXPECT_EQ(loose.status, 2);
-  EXPECT_EQ(loose.err, "varkel-cli: --ca, --cert and --key go with --tls\n");
 }
 
 TEST_F(CliTest, ModelsListsTheInstalledTables) {

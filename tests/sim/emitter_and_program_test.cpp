@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <tuple>
 
+#include "listening.h"
 #include "sim_cli.h"
 #include "sim_test_support.h"
-#include "wait_until.h"
 
 using varkel::sim::FailureMode;
 using varkel::sim::VirtualLidar;
@@ -21,13 +21,9 @@ class SimUdpEmitter : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
   const bool multicast = GetParam() != "127.0.0.1";
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(multicast ? INADDR_ANY : INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  uint16_t port = 0;
+  const int fd = vktest::HoldPort(SOCK_DGRAM, &port, multicast ? INADDR_ANY : INADDR_LOOPBACK);
+  ASSERT_GE(fd, 0);
   ip_mreq m{};
   inet_pton(AF_INET, GetParam().c_str(), &m.imr_multiaddr);
   m.imr_interface.s_addr = htonl(INADDR_LOOPBACK);
@@ -36,7 +32,7 @@ TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
     GTEST_SKIP() << "no multicast on the loopback interface here";
   }
   auto o = simtest::Options();
-  o.udp_target = GetParam() + ":" + std::to_string(ntohs(a.sin_port));
+  o.udp_target = GetParam() + ":" + std::to_string(port);
   o.udp_rate = 50;
   auto sim = simtest::StartSim(o);
   // The next datagram, or nothing after timeout_ms.
@@ -70,19 +66,6 @@ TEST_P(SimUdpEmitter, SendsNumberedPointPacketsAndFallsSilentWithTheLink) {
 INSTANTIATE_TEST_SUITE_P(Targets, SimUdpEmitter, ::testing::Values("127.0.0.1", "239.255.42.99"),
                          [](const auto& info) { return info.index ? "Multicast" : "Unicast"; });
 
-// A loopback UDP socket at a port the system picks.
-int BoundLoopbackSocket(uint16_t* port) {
-  const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0) return -1;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  *port = ntohs(a.sin_port);
-  return fd;
-}
-
 // Reads until a datagram of `size` bytes comes (stale ones of the old target are dropped).
 bool ReceivesSize(int fd, size_t size) {
   std::vector<uint8_t> buf(2048);
@@ -94,8 +77,8 @@ bool ReceivesSize(int fd, size_t size) {
 
 TEST(SimUdpEmitterTarget, FollowsTheDestinationRegistersAndKeepsOtherHostsOffTheWire) {
   uint16_t first_port = 0, second_port = 0;
-  const int first = BoundLoopbackSocket(&first_port);
-  const int second = BoundLoopbackSocket(&second_port);
+  const int first = vktest::HoldPort(SOCK_DGRAM, &first_port, INADDR_LOOPBACK);
+  const int second = vktest::HoldPort(SOCK_DGRAM, &second_port, INADDR_LOOPBACK);
   ASSERT_GE(first, 0);
   ASSERT_GE(second, 0);
   auto o = simtest::Options("Quenta", simtest::kShippedTableDir);

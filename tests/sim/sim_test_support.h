@@ -12,16 +12,14 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "hex.h"
 #include "ktc_client.h"
-#include "wait_until.h"
 #include "virtual_lidar.h"
+#include "wait_until.h"
 
 namespace simtest {
 
@@ -52,10 +50,7 @@ inline std::unique_ptr<quarn::lidar::KtcClient> Connect(uint16_t port, int versi
   using quarn::lidar::KtcClient;
   auto c = std::make_unique<KtcClient>("127.0.0.1", port, false, KtcClient::kClientTcp, static_cast<uint8_t>(version),
                                        "", "", "", recv_ms, 1500, 10.0f, 0);
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!c->IsOpen() && std::chrono::steady_clock::now() < end)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_TRUE(c->IsOpen());
+  EXPECT_TRUE(vktest::PollUntil([&] { return c->IsOpen(); }, std::chrono::seconds(10)));
   return c;
 }
 

@@ -27,12 +27,10 @@ const TestPki& Pki() {
 
 std::unique_ptr<varkel::sim::VirtualLidar> StartTlsSim(const std::string& cert, const std::string& client_ca = "",
                                                        const std::string& model = "Quenta") {
-  auto o = simtest::Options(model, model == "Quenta" ? simtest::kShippedTableDir : simtest::kTestDataDir);
-  o.tls = true;
-  o.tls_cert = Pki().Cert(cert);
-  o.tls_key = Pki().Key(cert);
-  o.tls_client_ca = client_ca;
-  return simtest::StartSim(o);
+  auto sim = simtest::StartTlsLidar(Pki(), model, model == "Quenta" ? simtest::kShippedTableDir : simtest::kTestDataDir,
+                                    cert, client_ca);
+  EXPECT_NE(sim, nullptr) << cert;
+  return sim;
 }
 
 struct Credentials {

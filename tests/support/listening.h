@@ -29,16 +29,31 @@ inline bool WaitListening(uint16_t port, std::chrono::milliseconds timeout = std
       timeout);
 }
 
-// A UDP port nobody holds now on any address (bound once, then released).
-inline uint16_t FreeUdpPort() {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+// A socket of `type` (SOCK_DGRAM, SOCK_STREAM) bound on `address` at a port the system
+// picks, which goes to *port; -1 when it cannot be bound.
+inline int HoldPort(int type, uint16_t* port, uint32_t address = INADDR_ANY) {
+  const int fd = socket(AF_INET, type, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(address);
   socklen_t len = sizeof(a);
-  bind(fd, reinterpret_cast<sockaddr*>(&a), len);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), len) != 0) {
+    close(fd);
+    return -1;
+  }
   getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
+  *port = ntohs(a.sin_port);
+  return fd;
+}
+
+// A port of `type` nobody holds now (bound once, then released).
+inline uint16_t FreePort(int type) {
+  uint16_t port = 0;
+  close(HoldPort(type, &port));
+  return port;
+}
+inline uint16_t FreeUdpPort() {
+  return FreePort(SOCK_DGRAM);
 }
 
 }  // namespace vktest

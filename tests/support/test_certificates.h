@@ -102,10 +102,12 @@ class TestPki {
   X509* ca_ = nullptr;
 };
 
-// The virtual lidar of `model` serving KTC over TLS with the certificate `cert` of `pki`.
+// The virtual lidar of `model` serving KTC over TLS with the certificate `cert` of `pki`,
+// asking for a client certificate issued by `client_ca` when one is given; null when it
+// did not start.
 inline std::unique_ptr<varkel::sim::VirtualLidar> StartTlsLidar(const TestPki& pki, const std::string& model,
-                                                                const std::string& config_dir,
-                                                                const std::string& cert) {
+                                                                const std::string& config_dir, const std::string& cert,
+                                                                const std::string& client_ca = "") {
   varkel::sim::SimOptions o;
   o.model = model;
   o.config_dir = config_dir;
@@ -114,6 +116,7 @@ inline std::unique_ptr<varkel::sim::VirtualLidar> StartTlsLidar(const TestPki& p
   o.tls = true;
   o.tls_cert = pki.Cert(cert);
   o.tls_key = pki.Key(cert);
+  o.tls_client_ca = client_ca;
   auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
   std::string error;
   return sim->Start(&error) ? std::move(sim) : nullptr;

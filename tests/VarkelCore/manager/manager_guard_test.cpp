@@ -8,6 +8,7 @@
 #include <string>
 
 #include "manager_test_support.h"
+#include "param_name.h"
 
 namespace {
 
@@ -125,11 +126,6 @@ TEST_P(Guard, RefusedInEveryBusyOrDisconnectedStateAndNothingIsSent) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, Guard, ::testing::Range(0, static_cast<int>(Operations().size())),
-                         [](const ::testing::TestParamInfo<int>& info) {
-                           std::string name;
-                           for (char c : std::string(Operations()[static_cast<size_t>(info.param)].name))
-                             if (std::isalnum(static_cast<unsigned char>(c))) name += c;
-                           return name;
-                         });
+                         [](const auto& info) { return vktest::ParamName(Operations()[info.param].name); });
 
 }  // namespace

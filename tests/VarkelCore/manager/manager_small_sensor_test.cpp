@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "manager_test_support.h"
+#include "param_name.h"
 
 using Bytes = std::vector<uint8_t>;
 
@@ -75,10 +76,6 @@ class BothLinks : public SmallSensorTest, public ::testing::WithParamInterface<b
   }
 };
 
-std::string LinkName(const ::testing::TestParamInfo<bool>& info) {
-  return info.param ? "Serial" : "Ktc";
-}
-
 class SilentSensor : public SmallSensorTest, public ::testing::WithParamInterface<bool> {};
 
 }  // namespace
@@ -116,7 +113,7 @@ TEST_P(SilentSensor, StopDoesNotWaitOutTheInformationRound) {
   m_->Stop();
 }
 
-INSTANTIATE_TEST_SUITE_P(Links, SilentSensor, ::testing::Values(true, false), LinkName);
+INSTANTIATE_TEST_SUITE_P(Links, SilentSensor, ::testing::Values(true, false), vktest::LinkName);
 
 TEST_P(BothLinks, SetRequestsCarryTheirItems) {
   const char standby[] = "Set standby successfully";
@@ -236,7 +233,7 @@ TEST_P(BothLinks, FunctionSafetyStatesAndFaultCodes) {
   EXPECT_EQ(m_->ZeltoGetLidarFunctionSafety()[0].toString(), "Shutdown");
 }
 
-INSTANTIATE_TEST_SUITE_P(Links, BothLinks, ::testing::Values(true, false), LinkName);
+INSTANTIATE_TEST_SUITE_P(Links, BothLinks, ::testing::Values(true, false), vktest::LinkName);
 
 TEST_F(SmallSensorTest, SerialConnectionRefusesTheKtcOnlyOperations) {
   Open("Zelto", true);

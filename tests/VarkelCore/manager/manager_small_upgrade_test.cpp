@@ -10,6 +10,7 @@
 
 #include "ktc_client.h"
 #include "manager_test_support.h"
+#include "param_name.h"
 
 namespace {
 
@@ -114,10 +115,6 @@ class ZeltoLinks : public SmallUpgradeTest, public ::testing::WithParamInterface
   }
 };
 
-std::string LinkName(const ::testing::TestParamInfo<bool>& info) {
-  return info.param ? "Serial" : "Ktc";
-}
-
 }  // namespace
 
 TEST_P(ZeltoLinks, ImageArrivesWholeAndTheSensorRunsItsVersion) {
@@ -192,7 +189,7 @@ TEST_P(ZeltoLinks, RefusedSilentAndDroppedTransfersEndWithTheirCode) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Links, ZeltoLinks, ::testing::Values(true, false), LinkName);
+INSTANTIATE_TEST_SUITE_P(Links, ZeltoLinks, ::testing::Values(true, false), vktest::LinkName);
 
 TEST_F(SmallUpgradeTest, RefusalsAndTheSecondCall) {
   Open("Zelto-KTC", false);
@@ -353,31 +350,21 @@ TEST_F(SmallUpgradeTest, MarvoPackageEdges) {
   EXPECT_TRUE(sim_->OtaRecords().empty());
   ASSERT_TRUE(log_->WaitFor("INFO: Lidar disconnected"));
 
-  // TMB_PARAM at offset 2^32 - 16, size 32: wraps to bytes 40..71 of a 72-byte package.
+  // TMB_PARAM at offset 2^32 - 16, size 32 wraps to bytes 40..71: one byte short of that
+  // (a 71-byte package), the worker stops before sending it. The wrap itself is the
+  // package reader's test.
   ASSERT_TRUE(ConnectSmall());
   Fresh();
   Bytes wrap = Package().bytes;
-  wrap.resize(72);
-  for (size_t i = 56; i < 72; ++i) wrap[i] = static_cast<uint8_t>(i);
+  wrap.resize(71);
   wrap[8] = 0x10;
   PutLe32(wrap, 44, 0xFFFFFFF0u);
   PutLe32(wrap, 48, 32);
   ASSERT_EQ(m_->MarvoUpgradeLidar(Write(wrap)), 0);
   ASSERT_TRUE(Ended());
-  EXPECT_TRUE(log_->Has("INFO: Marvo upgrade: sending TMB_PARAM (type=0x03, size=32)"));
-  ASSERT_EQ(sim_->OtaRecords().size(), 1u);
-  EXPECT_EQ(sim_->OtaRecords()[0].sha256_hex, Sha256(Bytes(wrap.begin() + 40, wrap.end())));
-  ASSERT_TRUE(log_->WaitFor("INFO: Lidar disconnected"));
-
-  // One byte short of that: out of range, the worker stops before sending it.
-  ASSERT_TRUE(ConnectSmall());
-  Fresh();
-  wrap.pop_back();
-  ASSERT_EQ(m_->MarvoUpgradeLidar(Write(wrap)), 0);
-  ASSERT_TRUE(Ended());
   EXPECT_TRUE(log_->Has("INFO: Component TMB_PARAM data out of range"));
   EXPECT_EQ(Error(), "Marvo upgrade: failed to extract TMB_PARAM");
-  EXPECT_EQ(sim_->OtaRecords().size(), 1u);
+  EXPECT_TRUE(sim_->OtaRecords().empty());
 }
 
 TEST_F(SmallUpgradeTest, MarvoStepsThatFailStopThere) {

@@ -104,16 +104,10 @@ class Harness : public QObject {
   // `cert` ("sensor", "self", ...); its port, 0 when it did not start.
   Q_INVOKABLE int startTlsSim(const QString& cert) {
     if (!pki_) pki_ = std::make_unique<simtest::TestPki>();
-    varkel::sim::SimOptions o;
-    o.config_dir = VARKEL_BINARY_DIR "/Config/varID";
-    o.port = 0;
-    o.live_values = false;
-    o.tls = true;
-    o.tls_cert = pki_->Cert(cert.toStdString());
-    o.tls_key = pki_->Key(cert.toStdString());
-    tls_sims_.push_back(std::make_unique<varkel::sim::VirtualLidar>(o));
-    std::string error;
-    return tls_sims_.back()->Start(&error) ? tls_sims_.back()->port() : 0;
+    auto sim = simtest::StartTlsLidar(*pki_, "Quenta", VARKEL_BINARY_DIR "/Config/varID", cert.toStdString());
+    if (!sim) return 0;
+    tls_sims_.push_back(std::move(sim));
+    return tls_sims_.back()->port();
   }
   // Every test starts from the same settings file: a connect writes what it used (a TLS
   // test's port and switch) for the next window to start with.
@@ -157,14 +151,6 @@ class Harness : public QObject {
   // Names of the files in `folder` that start with `prefix`.
   Q_INVOKABLE QStringList filesIn(const QUrl& folder, const QString& prefix) const {
     return QDir(folder.toLocalFile()).entryList({prefix + "*"}, QDir::Files);
-  }
-  // Whether the file holds exactly the body the virtual lidar sends for `log`.
-  Q_INVOKABLE bool holdsLog(const QUrl& folder, const QString& name, const QString& log) const {
-    QFile file(folder.toLocalFile() + "/" + name);
-    if (!file.open(QIODevice::ReadOnly)) return false;
-    const QByteArray bytes = file.readAll();
-    const auto body = sim_->LogBody(log.toStdString());
-    return body && std::vector<uint8_t>(bytes.begin(), bytes.end()) == *body;
   }
   // The payload of the last request with command `cmd` as upper-case hexadecimal, "0A 1B".
   Q_INVOKABLE QString lastPayloadHex(int cmd) const {

@@ -23,6 +23,7 @@
 #include "hex.h"
 #include "hex_text.h"
 #include "ktc_serial_client.h"
+#include "listening.h"
 #include "log_capture.h"
 #include "logger.h"
 #include "packet_ring.h"
@@ -483,20 +484,18 @@ TEST(SocketSource, ASocketNumberedBeyondASelectSetStillWaitsAndReceives) {
 }
 
 TEST(SocketSource, PortHeldWithoutReuseFailsWithTheBindLine) {
-  const int holder = ::socket(AF_INET, SOCK_DGRAM, 0);  // bound without address reuse
-  sockaddr_in a{AF_INET};
-  socklen_t size = sizeof(a);
-  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&a), size), 0);
-  getsockname(holder, reinterpret_cast<sockaddr*>(&a), &size);
-  const std::string port = std::to_string(ntohs(a.sin_port));
+  uint16_t held = 0;
+  const int holder = vktest::HoldPort(SOCK_DGRAM, &held);  // bound without address reuse
+  ASSERT_GE(holder, 0);
+  const std::string port = std::to_string(held);
   LogCapture log;
   const int balance = net::StartupBalance();
-  SocketSource source(ntohs(a.sin_port), "127.0.0.1", "");
+  SocketSource source(held, "127.0.0.1", "");
   EXPECT_FALSE(source.Open());
   ::close(holder);
   EXPECT_TRUE(log.Has(kLogError, "SocketSource::Open(), bind failed, errno: " + std::to_string(EADDRINUSE)));
   EXPECT_EQ(net::StartupBalance(), balance);
-  EXPECT_EQ(source.Send(reinterpret_cast<uint8_t*>(&a), 1, 0), -1);
+  EXPECT_EQ(source.Send(reinterpret_cast<const uint8_t*>(port.data()), 1, 0), -1);
   EXPECT_TRUE(log.Has(kLogError, "SocketSource::Send, port " + port + ", sock -1 is not open"));
   EXPECT_FALSE(source.IsOpened());
   EXPECT_TRUE(log.Has(kLogWarning, "SocketSource::IsOpened(), port " + port + ", sock -1 is not open"));

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "../KtcClient/test_support.h"
+#include "listening.h"
 #include "stream_diagnosis.h"
 #include "stream_monitor.h"
 
@@ -26,12 +27,7 @@ struct Sender {
   int fd = -1;
   uint16_t port = 0;
   explicit Sender(uint32_t to = INADDR_LOOPBACK) : to_address(to) {
-    fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in a = Loopback(0);
-    socklen_t len = sizeof(a);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    port = ntohs(a.sin_port);
+    fd = vktest::HoldPort(SOCK_DGRAM, &port, INADDR_LOOPBACK);
   }
   ~Sender() { ::close(fd); }
   void Send(uint16_t to_port, size_t size, uint8_t fill = 0x5A) {
@@ -86,13 +82,8 @@ TEST(StreamMonitor, CountsSendersSizesAndGapsThenFallsSilent) {
 
 TEST(StreamMonitor, APortHeldByAnotherProgramIsAnErrorThatSaysSo) {
   uint16_t port = 0;
-  const int holder = ::socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a = Loopback(0);
-  a.sin_addr.s_addr = htonl(INADDR_ANY);
-  socklen_t len = sizeof(a);
-  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&a), len), 0);
-  ::getsockname(holder, reinterpret_cast<sockaddr*>(&a), &len);
-  port = ntohs(a.sin_port);
+  const int holder = vktest::HoldPort(SOCK_DGRAM, &port);
+  ASSERT_GE(holder, 0);
   StreamMonitor m;
   auto o = Quick();
   o.port = port;
