@@ -19,14 +19,18 @@ bash scripts/install-deps.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
 bench=ON
+unity=OFF
 skip=()
 if [ "$sanitize" != none ]; then
   # A sanitizer suite builds only what it runs, and leaves the screenshot of the program
-  # (size and colour do not change under a sanitizer) to the normal suite.
+  # (size and colour do not change under a sanitizer) to the normal suite. Its trees are
+  # built whole each time, so they compile a target's files in batches (docs/testing.md).
   bench=OFF
+  unity=ON
   skip=(-LE smoke)
 fi
-cmake -S . -B "$build" -DVARKEL_SANITIZE="$sanitize" -DVARKEL_BUILD_BENCH="$bench" -DVARKEL_FUZZ=OFF >/dev/null
+cmake -S . -B "$build" -DVARKEL_SANITIZE="$sanitize" -DVARKEL_BUILD_BENCH="$bench" -DVARKEL_FUZZ=OFF \
+  -DCMAKE_UNITY_BUILD="$unity" >/dev/null
 cmake --build "$build" -j"$jobs"
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"

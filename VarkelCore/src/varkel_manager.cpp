@@ -14,6 +14,7 @@
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
 #include "manager_catalogue.h"
+#include "manager_text.h"
 #include "monitor_model.h"
 #include "number_text.h"
 #include "serial_client.h"
@@ -22,9 +23,7 @@
 
 namespace {
 
-QString Q(const std::string& text) {
-  return QString::fromStdString(text);
-}
+using manager_text::Q;
 
 }  // namespace
 

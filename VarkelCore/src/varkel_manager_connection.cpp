@@ -10,6 +10,7 @@
 #include "ktc_client.h"
 #include "ktc_serial_client.h"
 #include "manager_catalogue.h"
+#include "manager_text.h"
 #include "number_text.h"
 #include "serial_client.h"
 #include "serial_source.h"
@@ -36,10 +37,7 @@ class TlsRefusal : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-void Print(const char* text) {
-  std::fputs(text, stdout);
-  std::fflush(stdout);
-}
+using manager_text::Print;
 
 }  // namespace
 

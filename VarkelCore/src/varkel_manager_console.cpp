@@ -14,6 +14,7 @@
 #include "console_request.h"
 #include "ktc_client.h"
 #include "logger.h"
+#include "manager_text.h"
 #include "serial_client.h"
 #include "serial_source.h"
 #include "varkel_manager.h"
@@ -53,10 +54,7 @@ const ConsoleTexts kTexts[] = {
      "Incorrect Serial header was entered. Parsing failed.", "Incorrect Serial payload was entered. Parsing failed."},
 };
 
-void Print(const char* line) {
-  std::fputs(line, stdout);
-  std::fflush(stdout);
-}
+using manager_text::Print;
 
 void PrintFault(varkel::HexFault fault) {
   Print(fault == varkel::HexFault::kOutOfRange ? "Out_of_range\n" : "Invalid_argument\n");

@@ -6,13 +6,12 @@
 
 #include "config_parser.h"
 #include "manager_catalogue.h"
+#include "manager_text.h"
 #include "varkel_manager.h"
 
 namespace {
 
-QString Q(const std::string& text) {
-  return QString::fromStdString(text);
-}
+using manager_text::Q;
 
 const char kModelFolder[] = "./Config/varID";
 

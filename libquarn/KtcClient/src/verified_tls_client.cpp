@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kOpenHandshakeTimeoutMs = 5000;
 
-bool Given(const char* path) {
+bool PathGiven(const char* path) {
   return path != nullptr && path[0] != '\0';
 }
 
@@ -177,14 +177,14 @@ SSL_CTX* VerifiedTlsClient::MakeContext(const char* cert, const char* private_ke
   SSL_CTX_set_read_ahead(ctx, 1);
   // AES-128 first: frames are small and many, and 128 bits are plenty for a sensor link.
   SSL_CTX_set_ciphersuites(ctx, "TLS_AES_128_GCM_SHA256:TLS_AES_256_GCM_SHA384:TLS_CHACHA20_POLY1305_SHA256");
-  ca_given_ = Given(ca);
+  ca_given_ = PathGiven(ca);
   if (ca_given_) {
     if (SSL_CTX_load_verify_file(ctx, ca) != 1) return fail(std::string("cannot read CA file ") + ca);
   } else if (SSL_CTX_set_default_verify_paths(ctx) != 1) {
     return fail("cannot read the system's certificate store");
   }
-  if (Given(cert) != Given(private_key)) return fail("a client certificate needs both a certificate and a key file");
-  if (Given(cert)) {
+  if (PathGiven(cert) != PathGiven(private_key)) return fail("a client certificate needs both a certificate and a key file");
+  if (PathGiven(cert)) {
     auto own = ReadCertificate(cert);
     if (!own || SSL_CTX_use_certificate_chain_file(ctx, cert) != 1)
       return fail(std::string("cannot read certificate file ") + cert);

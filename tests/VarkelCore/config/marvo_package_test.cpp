@@ -20,7 +20,7 @@ using varkel::OtaParseResult;
 //   BMB_FPGA   offset 0x00000004 size 0x00000401 (1025)
 //   TMB_FPGA   offset 0x00000405 size 0x00000400 (1024)
 //   TMB_PARAM  offset 0x00000805 size 3
-const Bytes kHeader = {
+const Bytes kPackageHeader = {
     'Q',  'R',  'N',  'A',                           // magic
     0x78, 0x56, 0x34, 0x12,                          // total_size 0x12345678
     0x1D, 0xEE, 0xEE, 0xEE,                          // flags, reserved
@@ -35,7 +35,7 @@ const Bytes kHeader = {
 // The header above followed by its data: app "APP!", 1025 FPGA bytes (0xB0 then 1024
 // bytes counting 0..255), 1024 TMB bytes of 0x7E, "PRM".
 Bytes Package() {
-  Bytes p = kHeader;
+  Bytes p = kPackageHeader;
   p.insert(p.end(), {'A', 'P', 'P', '!'});
   p.push_back(0xB0);
   for (int i = 0; i < 1024; ++i) p.push_back(static_cast<uint8_t>(i));
@@ -57,7 +57,7 @@ std::vector<std::string> Names(const std::vector<OtaComponent>& list) {
 }
 
 TEST(MarvoPackage, HeaderFieldsAreLittleEndianAndAbsentComponentsStayZero) {
-  ASSERT_EQ(kHeader.size(), 56u);
+  ASSERT_EQ(kPackageHeader.size(), 56u);
   std::vector<std::string> info;
   const OtaPackageHeader h = Parse(Package(), &info);
   EXPECT_TRUE(info.empty());
@@ -98,7 +98,7 @@ TEST(MarvoPackage, ShortPackagesAndWrongMagicAreRefusedAndLeaveAZeroedHeader) {
 }
 
 TEST(MarvoPackage, FlagBitsAboveFourAreIgnored) {
-  Bytes p = kHeader;
+  Bytes p = kPackageHeader;
   p[8] = 0xE1;  // bits 5-7 and BMB_APP_A
   const OtaPackageHeader h = Parse(p);
   EXPECT_EQ(h.flags, 0xE1);
@@ -108,7 +108,7 @@ TEST(MarvoPackage, FlagBitsAboveFourAreIgnored) {
 }
 
 TEST(MarvoPackage, UpgradeListSkipsTheRunningPartitionsApplication) {
-  Bytes p = kHeader;
+  Bytes p = kPackageHeader;
   p[8] = 0x1F;  // both applications too
   const OtaPackageHeader h = Parse(p);
   EXPECT_EQ(Names(varkel::BuildOtaUpgradeList(h, 0)),

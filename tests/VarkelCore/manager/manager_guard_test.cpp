@@ -22,7 +22,7 @@ const char kNotReadyBaud[] = "lidar is not connected, or lidar is upgrading";
 
 class Guard;
 
-struct Operation {
+struct GuardedOperation {
   const char* name;
   bool small;  // on a small sensor over KTC instead of the network model
   std::function<void(Guard&)> run;
@@ -47,8 +47,8 @@ class Guard : public vktest::ManagerTest, public ::testing::WithParamInterface<i
   }
 };
 
-const std::vector<Operation>& Operations() {
-  static const std::vector<Operation> ops = {
+const std::vector<GuardedOperation>& GuardedOperations() {
+  static const std::vector<GuardedOperation> ops = {
       {"page read", false, [](Guard& t) { t.m_->GetLidarModuleInfo(0); }, {"", "", ""}},
       {"page write",
        false,
@@ -101,7 +101,7 @@ const std::vector<Operation>& Operations() {
 }
 
 TEST_P(Guard, RefusedInEveryBusyOrDisconnectedStateAndNothingIsSent) {
-  const Operation& op = Operations()[static_cast<size_t>(GetParam())];
+  const GuardedOperation& op = GuardedOperations()[static_cast<size_t>(GetParam())];
   Load(op.small ? "Zelto-KTC" : "Testa",
        vktest::TestaTable() + "8,2,,0x50,0,Firmware Upgrade,1,raw,,,,,,2_1_7_4,0,0,,\n");
   for (State state : {kDisconnected, kUpgrading, kDownloading}) {
@@ -125,7 +125,7 @@ TEST_P(Guard, RefusedInEveryBusyOrDisconnectedStateAndNothingIsSent) {
   m_->setIsDownloadLog(false);
 }
 
-INSTANTIATE_TEST_SUITE_P(Operations, Guard, ::testing::Range(0, static_cast<int>(Operations().size())),
-                         [](const auto& info) { return vktest::ParamName(Operations()[info.param].name); });
+INSTANTIATE_TEST_SUITE_P(Operations, Guard, ::testing::Range(0, static_cast<int>(GuardedOperations().size())),
+                         [](const auto& info) { return vktest::ParamName(GuardedOperations()[info.param].name); });
 
 }  // namespace
