@@ -144,6 +144,9 @@ class VirtualLidar {
   // restarts begun and resets done since Start. A reset counts as a restart too.
   uint64_t RestartCount() const;
   uint64_t ResetCount() const;
+  // KTC connections still being served. Once a client has closed its side and this is 0,
+  // every request it sent has been read and acted on (a restart among them has begun).
+  size_t KtcConnectionsOpen() const;
   // Takes effect from the next restart.
   void SetRestartDelay(int ms);
   // Takes effect from the next log request; clamped to kMaxLogSize.
@@ -259,7 +262,7 @@ class VirtualLidar {
 
   // Keeps apart the accept thread (adds connections), the connection threads (close their
   // own socket) and Stop (shuts the sockets down and joins the threads).
-  std::mutex conn_mu_;
+  mutable std::mutex conn_mu_;
   std::vector<std::unique_ptr<Connection>> connections_;
 
   // Keeps apart the connection and serial threads (counting, reading failure modes,
