@@ -146,6 +146,9 @@ class VirtualLidar {
   uint64_t ResetCount() const;
   // KTC connections accepted since construction (ResetCounters leaves it).
   uint64_t ConnectionsAccepted() const { return connections_accepted_.load(); }
+  // KTC connections still being served. Once a client has closed its side and this is 0,
+  // every request it sent has been read and acted on (a restart among them has begun).
+  size_t KtcConnectionsOpen() const;
   // Takes effect from the next restart.
   void SetRestartDelay(int ms);
   // Takes effect from the next log request; clamped to kMaxLogSize.
@@ -261,7 +264,7 @@ class VirtualLidar {
 
   // Keeps apart the accept thread (adds connections), the connection threads (close their
   // own socket) and Stop (shuts the sockets down and joins the threads).
-  std::mutex conn_mu_;
+  mutable std::mutex conn_mu_;
   std::vector<std::unique_ptr<Connection>> connections_;
 
   // Keeps apart the connection and serial threads (counting, reading failure modes,

@@ -92,6 +92,12 @@ uint64_t VirtualLidar::ResetCount() const {
   return resets_;
 }
 
+size_t VirtualLidar::KtcConnectionsOpen() const {
+  std::lock_guard<std::mutex> lock(conn_mu_);
+  return static_cast<size_t>(
+      std::count_if(connections_.begin(), connections_.end(), [](const auto& c) { return !c->done.load(); }));
+}
+
 void VirtualLidar::SetRestartDelay(int ms) {
   restart_delay_ms_.store(std::max(ms, 0));
 }
