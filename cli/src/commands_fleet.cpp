@@ -278,38 +278,38 @@ int LogsMany(const Context& ctx, const FleetOptions& fleet, const std::string& d
 }
 
 int BackupMany(const Context& ctx, const FleetOptions& fleet, const std::string& dir) {
-  std::vector<HostRow> rows = Rows(ctx, fleet);
   std::error_code ec;
   fs::create_directories(dir, ec);
   if (!fs::is_directory(dir)) throw CliError(kExitBadInput, "cannot create folder " + dir);
-  InterruptGuard guard;
-  const std::vector<bool> ran = RunJobs(rows.size(), fleet.jobs, [&](size_t i) {
-    HostRow& row = rows[i];
-    // The serial number names the file, and the backup holds it: no read of its own.
-    const fs::path part = fs::path(dir) / PartName(row.target);
-    Capture(row, ctx, [&](const Context& c) { return Backup(c, part.string()); });
-    if (row.status != 0) return;
-    try {
-      row.serial = LoadBackup(part.string()).value("serial_number", "");
-    } catch (const CliError&) {
-    }
-    const fs::path file = fs::path(dir) / (FileId(row) + ".json");
-    // Without --force a file that is there stays; link() refuses to replace it.
-    const bool placed =
-        fleet.force ? ::rename(part.c_str(), file.c_str()) == 0 : ::link(part.c_str(), file.c_str()) == 0;
-    const int error = errno;
-    fs::remove(part, ec);
-    if (!placed) {
-      row.status = kExitBadInput;
-      row.error = error == EEXIST ? file.string() + " exists (--force to replace it)"
-                                  : "cannot write " + file.string() + ": " + std::strerror(error);
-      return;
-    }
-    row.fields["file"] = file.string();
-    row.detail = file.string();
-  });
-  if (InterruptGuard::interrupted()) MarkNotRun(rows, ran, kExitInterrupted, "not done: interrupted");
-  return Report(ctx, rows);
+  return RunRows(
+      ctx, fleet, "backup",
+      [&](const Context& c, const HostRow& row) { return Backup(c, (fs::path(dir) / PartName(row.target)).string()); },
+      [&](HostRow& row) {
+        const fs::path part = fs::path(dir) / PartName(row.target);
+        std::error_code gone;
+        if (row.status != 0) {
+          fs::remove(part, gone);
+          return;
+        }
+        // The connection gave the serial number; a sensor that had none is named by the backup's.
+        if (row.serial.empty()) try {
+            row.serial = LoadBackup(part.string()).value("serial_number", "");
+          } catch (const CliError&) {
+          }
+        const fs::path file = fs::path(dir) / (FileId(row) + ".json");
+        // Without --force a file that is there stays; link() refuses to replace it.
+        const bool placed =
+            fleet.force ? ::rename(part.c_str(), file.c_str()) == 0 : ::link(part.c_str(), file.c_str()) == 0;
+        const int error = errno;
+        fs::remove(part, gone);
+        if (!placed) {
+          row.status = kExitBadInput;
+          row.error = error == EEXIST ? file.string() + " exists (--force to replace it)"
+                                      : "cannot write " + file.string() + ": " + std::strerror(error);
+          return;
+        }
+        row.fields["file"] = file.string();
+      });
 }
 
 int RestoreMany(const Context& ctx, const FleetOptions& fleet, const std::string& file, const RestoreOptions& options) {
