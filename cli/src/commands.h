@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -27,7 +28,17 @@ struct Context {
   // When set, hears the command's session as soon as it is open (the many-sensor runs
   // learn the serial number there, on the command's own connection).
   std::function<void(Session&)> opened;
+  // When set, the command works on this open session instead of connecting again (a bundle's
+  // parts come over one connection).
+  Session* session = nullptr;
 };
+
+// The context's session when it carries one, else a new one held in `own`.
+inline Session& Opened(const Context& ctx, std::optional<Session>& own) {
+  if (ctx.session) return *ctx.session;
+  own.emplace(ctx.connection, ctx.opened);
+  return *own;
+}
 
 int Models(const Context& ctx);
 int Info(const Context& ctx);

@@ -61,7 +61,9 @@ int Bundle(const Context& ctx, const std::string& file, bool with_sensor, bool l
     if (with_sensor) {
       // The sensor's parts as the commands of their own make them.
       std::ostringstream said;
+      Session session(ctx.connection, ctx.opened);
       Context quiet = ctx;
+      quiet.session = &session;
       quiet.json = true;
       quiet.terminal = false;
       quiet.out = &said;

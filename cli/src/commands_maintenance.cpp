@@ -127,7 +127,8 @@ int Console(const Context& ctx, const std::string& cmd, const std::vector<std::s
     throw CliError(kExitBadInput, "malformed payload '" + payload_text + "': a piece is " + why +
                                       " (bytes are hexadecimal, one blank apart)");
 
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   std::vector<uint8_t> reply;
   const size_t header_bytes = ctx.connection.ktc_version == 2 ? 12 : 8;
   const auto site = session.JournalSite();
@@ -160,7 +161,8 @@ int Console(const Context& ctx, const std::string& cmd, const std::vector<std::s
 int RestartOrReset(const Context& ctx, bool reset, bool yes) {
   if (reset && !yes)
     throw CliError(kExitBadInput, "reset returns every setting of the sensor to its factory value; add --yes to reset");
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   SendRestartOrReset(session, reset);
   if (ctx.json)
     *ctx.out << Json{{"action", reset ? "reset" : "restart"}, {"ok", true}}.dump(2) << "\n";
@@ -173,7 +175,8 @@ int Logs(const Context& ctx, const std::string& dir, bool operation) {
   std::error_code ec;
   fs::create_directories(dir, ec);
   if (!fs::is_directory(dir)) throw CliError(kExitBadInput, "cannot create folder " + dir);
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   ConfigParser& table = session.table();
   quarn::lidar::KtcClient& client = session.client();
   Json files = Json::array();
@@ -278,7 +281,8 @@ int Upgrade(const Context& ctx, const std::string& file, const std::string& var_
   const std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   if (data.empty()) throw CliError(kExitBadInput, file + " is empty");
 
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   const VarInfo* var = nullptr;
   if (!var_name.empty()) {
     var = &FindVariable(session.table(), var_name);

@@ -217,7 +217,8 @@ int Restore(const Context& ctx, const std::string& file, const RestoreOptions& o
   if (model != ctx.connection.model && !options.other_model)
     throw CliError(kExitBadInput, file + " is a backup of " + model + ", not of " + ctx.connection.model +
                                       " (--other-model to restore it anyway)");
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   ConfigParser& table = session.table();
   Json skipped = Json::array();
   const std::vector<Change> wanted = Match(backup, table, ctx.connection.model, skipped);

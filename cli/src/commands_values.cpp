@@ -223,7 +223,8 @@ int Models(const Context& ctx) {
 }
 
 int Info(const Context& ctx) {
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   ConfigParser& table = session.table();
   std::vector<VarInfo*> vars;
   for (VarInfo* var : session.Readable())
@@ -257,7 +258,8 @@ int Info(const Context& ctx) {
 }
 
 int Get(const Context& ctx, const std::vector<std::string>& keys) {
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   std::vector<VarInfo*> vars;
   if (keys.empty()) {
     vars = session.Readable();
@@ -296,7 +298,8 @@ int Get(const Context& ctx, const std::vector<std::string>& keys) {
 }
 
 int Set(const Context& ctx, const std::vector<std::string>& assignments, bool force) {
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   std::vector<Change> changes;
   std::set<const VarInfo*> named;
   for (const std::string& assignment : assignments) {
@@ -315,7 +318,8 @@ int Set(const Context& ctx, const std::vector<std::string>& assignments, bool fo
 }
 
 int Backup(const Context& ctx, const std::string& file) {
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   const std::vector<VarInfo*> vars = session.Readable();
   ReadOrFail(session, vars);
   const Json backup = BackupJson(session.table(), session.options().model, {vars.begin(), vars.end()});
@@ -333,7 +337,8 @@ int Backup(const Context& ctx, const std::string& file) {
 
 int Diff(const Context& ctx, const std::string& file, bool all) {
   const Json backup = LoadBackup(file);
-  Session session(ctx.connection, ctx.opened);
+  std::optional<Session> own;
+  Session& session = Opened(ctx, own);
   ConfigParser& table = session.table();
   std::vector<std::pair<VarInfo*, std::string>> compared;  // variable, backup value
   for (const Json& v : backup["variables"]) {

@@ -125,7 +125,13 @@ TEST_F(CliJournalTest, BundleHoldsWhatItListsAndNothingHalfWritten) {
     EXPECT_TRUE(names.count(part)) << part;
   EXPECT_FALSE(names.count("sensor/backup.json")) << "no sensor was named";
 
+  // Versions, backup and logs come over the connection one command makes.
+  uint64_t before = sim_->ConnectionsAccepted();
+  ASSERT_EQ(Run({"info"}).status, 0);
+  const uint64_t one_command = sim_->ConnectionsAccepted() - before;
+  before = sim_->ConnectionsAccepted();
   ASSERT_EQ(Run({"bundle", File("sensor.tar.gz"), "--logs"}).status, 0);
+  EXPECT_EQ(sim_->ConnectionsAccepted() - before, one_command);
   const auto with_sensor = ArchiveNames(File("sensor.tar.gz"));
   for (const char* part : {"sensor/backup.json", "sensor/versions.json"}) EXPECT_TRUE(with_sensor.count(part)) << part;
   EXPECT_TRUE(std::any_of(with_sensor.begin(), with_sensor.end(),
