@@ -50,19 +50,14 @@ TEST_F(CliMaintenanceTest, ConsoleSendsTheTypedBytesAndShowsTheWholeReply) {
   EXPECT_EQ(write.out.rfind("header   ", 0), 0u) << write.out;
 
   // KTC 2.0 has a 12-byte header; the payload is the same.
-  varkel::sim::SimOptions o;
-  o.config_dir = kTables;
-  o.port = 0;
+  varkel::sim::SimOptions o = Options();
   o.ktc_version = 2;
-  o.live_values = false;
-  varkel::sim::VirtualLidar v2(o);
-  std::string error;
-  ASSERT_TRUE(v2.Start(&error)) << error;
-  Result wide = Run({"--json", "--port", std::to_string(v2.port()), "--ktc-version", "2", "console", "30"});
+  auto v2 = Started(o);
+  ASSERT_NE(v2, nullptr);
+  Result wide = Run({"--json", "--port", std::to_string(v2->port()), "--ktc-version", "2", "console", "30"});
   ASSERT_EQ(wide.status, 0) << wide.err;
   EXPECT_EQ(Json::parse(wide.out)["header"].get<std::string>().size(), 12u * 3 - 1);
   EXPECT_EQ(Json::parse(wide.out)["payload"], "02 58 00 00 00 00 00 00");
-  v2.Stop();
 
   // A log is longer than the window's 1024 shown bytes; the command line shows all of it.
   sim_->SetLogSize(3000);

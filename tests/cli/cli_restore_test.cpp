@@ -118,14 +118,9 @@ TEST_F(CliTest, RestoreMatchesByIdAndNameAndSaysWhatItSkips) {
 
 TEST_F(CliTest, ABackupOfAnotherModelNeedsOtherModelAndLandsOnlyOnTheSameRows) {
   ASSERT_EQ(Run({"backup", File("quenta.json")}).status, 0);
-  varkel::sim::SimOptions o;
-  o.model = "Quenta-Lite";
-  o.config_dir = kTables;
-  o.port = 0;
-  o.live_values = false;
-  varkel::sim::VirtualLidar lite(o);
-  std::string error;
-  ASSERT_TRUE(lite.Start(&error)) << error;
+  auto started = Started(Options("Quenta-Lite"));
+  ASSERT_NE(started, nullptr);
+  varkel::sim::VirtualLidar& lite = *started;
   const std::string ip = lite.Value("IP Address");
   auto restore = [&](std::vector<std::string> flags) {
     std::vector<std::string> args{"--model", "Quenta-Lite", "--port",           std::to_string(lite.port()),
@@ -149,7 +144,6 @@ TEST_F(CliTest, ABackupOfAnotherModelNeedsOtherModelAndLandsOnlyOnTheSameRows) {
   EXPECT_TRUE(skipped) << r.out;
   EXPECT_EQ(lite.Value("IP Address"), ip);
   EXPECT_EQ(lite.CommandCount(0x21), 0u);
-  lite.Stop();
 }
 
 TEST_F(CliTest, ABackupThatCannotBeWrittenLeavesTheEarlierOneWhole) {

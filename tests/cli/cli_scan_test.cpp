@@ -30,15 +30,8 @@ class CliScanTest : public CliTest {};
 class Listener {
  public:
   explicit Listener(std::string reply = "") : reply_(std::move(reply)) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(address);
-    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    fd_ = vktest::HoldPort(SOCK_STREAM, &port_, INADDR_LOOPBACK);
     EXPECT_EQ(::listen(fd_, 16), 0);
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &len);
-    port_ = ntohs(address.sin_port);
     if (!reply_.empty())
       thread_ = std::thread([this] {
         while (true) {
@@ -70,25 +63,15 @@ class Listener {
   std::vector<int> accepted_;
 };
 
-// A port nothing listens on: bound for a moment, then let go.
-uint16_t ClosedPort() {
-  Listener gone;
-  return gone.port();
-}
-
 TEST_F(CliScanTest, ScanTellsSensorsFromClosedSilentAndForeignPorts) {
-  varkel::sim::SimOptions o;
-  o.model = "Quenta";
-  o.config_dir = kTables;
-  o.port = 0;
+  varkel::sim::SimOptions o = Options();
   o.ktc_version = 2;
-  o.live_values = false;
-  varkel::sim::VirtualLidar v2(o);
-  std::string error;
-  ASSERT_TRUE(v2.Start(&error)) << error;
+  auto started = Started(o);
+  ASSERT_NE(started, nullptr);
+  varkel::sim::VirtualLidar& v2 = *started;
   Listener silent;
   Listener foreign("HTTP/1.0 400 Bad Request\r\n\r\n");
-  const uint16_t closed = ClosedPort();
+  const uint16_t closed = vktest::FreePort(SOCK_STREAM);
 
   const std::string ports = std::to_string(sim_->port()) + "," + std::to_string(v2.port()) + "," +
                             std::to_string(closed) + "," + std::to_string(silent.port()) + "," +
@@ -124,7 +107,6 @@ TEST_F(CliScanTest, ScanTellsSensorsFromClosedSilentAndForeignPorts) {
   EXPECT_EQ(none.status, 3);
   EXPECT_NE(none.out.find("127.0.0.1:" + std::to_string(closed) + "  refused"), std::string::npos) << none.out;
   EXPECT_EQ(none.err, "varkel-cli: no address of 127.0.0.1 answers KTC\n");
-  v2.Stop();
 }
 
 TEST_F(CliScanTest, ScanRefusesWideNetworksAndBadPortsBeforeSendingAnything) {

@@ -38,15 +38,10 @@ class WatchTest : public CliTest {
   // The motor pushed far past its normal speed from the moment the lidar listens.
   void StartWithExcursion() {
     sim_->Stop();
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
+    varkel::sim::SimOptions o = Options();
     o.excursions = {{"Motor Speed", 60000, 60}};
-    sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    ASSERT_TRUE(sim_->Start(&error)) << error;
+    sim_ = Started(o);
+    ASSERT_NE(sim_, nullptr);
   }
 };
 
