@@ -39,8 +39,7 @@ const std::string kWrita = vktest::kTableHeader +
 struct Place {
   int group, row;
 };
-constexpr Place kPort{0, 1}, kIp{0, 0}, kSpeed{1, 0}, kGain{1, 1}, kOffset{1, 2}, kMode{1, 3}, kLevel{1, 5},
-    kOrphan{1, 6}, kFov{2, 0};
+constexpr Place kIp{0, 0}, kSpeed{1, 0}, kGain{1, 1}, kMode{1, 3}, kLevel{1, 5}, kOrphan{1, 6}, kFov{2, 0};
 
 class ManagerWriting : public vktest::ManagerTest {
  protected:
@@ -181,6 +180,7 @@ TEST_F(ManagerWriting, RunRefusesWhileBusyOrDisconnectedAndSendsNothing) {
 
 TEST_F(ManagerWriting, EveryRefusedValueReachesTheUserAndNothingIsSent) {
   ASSERT_TRUE(Connect());
+  // One row per way a value is refused; each codec's own refusals are the codec tests'.
   const struct {
     Place place;
     int module;
@@ -190,11 +190,8 @@ TEST_F(ManagerWriting, EveryRefusedValueReachesTheUserAndNothingIsSent) {
   } cases[] = {
       {kSpeed, 0, "", 0x25, "Unknown error with this var: It has no current_val. var_name = Speed"},
       {kSpeed, 0, "fast", 0x25, "UintParser: contains an illegal number, error:fast"},
-      {kGain, 0, "300.5", 0x25, "UintParser: contains an illegal number, error:300.5"},
       {kSpeed, 0, "1e40", 0x25, "UintParser: stof() failed, error:stof argument out of range"},
-      {kOffset, 0, "40000", 0x25, "IntParser: contains an illegal number, error:40000"},
       {kIp, 0, "192.168.1", 0x21, "IPv4Parser: ip address, wrong format."},
-      {kIp, 0, "192.168.1.256", 0x21, "IPv4Parser: contains an illegal number"},
       {{0, 0}, 1, "1", 0x27, "Error with var type"},
       {{0, 1}, 1, "5", 0x28, kSetWithoutGet},
   };
