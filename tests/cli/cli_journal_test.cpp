@@ -13,6 +13,7 @@
 
 #include "change_journal.h"
 #include "cli_fixture.h"
+#include "file_text.h"
 #include "run_program.h"
 
 namespace {
@@ -128,8 +129,7 @@ TEST_F(CliJournalTest, BundleHoldsWhatItListsAndNothingHalfWritten) {
 
   std::string out;
   ASSERT_EQ(varkel::RunProgram({"tar", "-xzf", File("plain.tar.gz"), "settings.ini"}, home_, 30000, &out), 0);
-  std::ifstream extracted(File("settings.ini"));
-  const std::string text{std::istreambuf_iterator<char>(extracted), {}};
+  const std::string text = vktest::FileText(File("settings.ini"));
   EXPECT_EQ(text.find("hunter2"), std::string::npos);
   EXPECT_NE(text.find("device_ip_address=127.0.0.1"), std::string::npos);
 

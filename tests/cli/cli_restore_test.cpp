@@ -8,13 +8,13 @@
 
 #include <csignal>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "cli_fixture.h"
+#include "file_text.h"
 
 namespace {
 
@@ -24,11 +24,6 @@ using varkel::sim::FailureMode;
 
 bool Says(const std::string& text, const std::string& what) {
   return text.find(what) != std::string::npos;
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 TEST_F(CliTest, ARestoreThatStopsSaysHowFarItCameAndCanRollBack) {
@@ -148,7 +143,7 @@ TEST_F(CliTest, ABackupOfAnotherModelNeedsOtherModelAndLandsOnlyOnTheSameRows) {
 
 TEST_F(CliTest, ABackupThatCannotBeWrittenLeavesTheEarlierOneWhole) {
   ASSERT_EQ(Run({"backup", File("b.json")}).status, 0);
-  const std::string earlier = Slurp(File("b.json"));
+  const std::string earlier = vktest::FileText(File("b.json"));
   ASSERT_GT(earlier.size(), 1024u);
   // A size limit cuts the write off part-way, root or not.
   std::signal(SIGXFSZ, SIG_IGN);
@@ -161,7 +156,7 @@ TEST_F(CliTest, ABackupThatCannotBeWrittenLeavesTheEarlierOneWhole) {
   ::setrlimit(RLIMIT_FSIZE, &saved);
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err, "varkel-cli: cannot write " + File("b.json") + ": File too large\n");
-  EXPECT_EQ(Slurp(File("b.json")), earlier);
+  EXPECT_EQ(vktest::FileText(File("b.json")), earlier);
   EXPECT_EQ(std::distance(fs::directory_iterator(home_), {}), 1);
 }
 

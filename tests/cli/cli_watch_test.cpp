@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -12,6 +11,7 @@
 
 #include "../sim/sim_test_support.h"
 #include "cli_fixture.h"
+#include "file_text.h"
 #include "wait_until.h"
 
 namespace {
@@ -27,10 +27,7 @@ std::vector<std::string> Lines(const std::string& text) {
 }
 
 std::vector<std::string> FileLines(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return Lines(s.str());
+  return Lines(vktest::FileText(path));
 }
 
 class WatchTest : public CliTest {

@@ -4,12 +4,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "file_text.h"
 #include "log_capture.h"
 #include "wait_until.h"
 
@@ -66,8 +65,7 @@ TEST(Logger, ConcurrentWritersLoseNothing) {
 }
 
 std::string LogFileText() {
-  std::ifstream in(Logger::GetInstance().LogDirectory() + "/varkel.log");
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return vktest::FileText(Logger::GetInstance().LogDirectory() + "/varkel.log");
 }
 
 TEST(Logger, BatchedLinesKeepTheirOrderAroundWarningsAndReachTheFileUnasked) {

@@ -4,10 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "config_parser.h"
+#include "file_text.h"
 #include "journal.h"
 #include "journal_history.h"
 #include "manager_test_support.h"
@@ -361,21 +360,10 @@ TEST_F(ManagerWriting, TableCommandTextsAreReadWithAutomaticBase) {
   EXPECT_EQ(sim_->Value("Octal"), "9");
 }
 
-namespace {
-
-std::string ShippedTable(const std::string& model) {
-  std::ifstream in(std::string(VARKEL_SOURCE_DIR) + "/Config/varID/" + model + ".csv");
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-}  // namespace
-
 TEST_F(ManagerWriting, AnAddressChangeCarriesTheSensorsMacByteForByte) {
   // The MAC is shown in hexadecimal and typed in decimal: through its text, a MAC with
   // digits only would be rewritten and one with letters refused.
-  Load("Quenta", ShippedTable("Quenta"));
+  Load("Quenta", vktest::FileText(VARKEL_SOURCE_DIR "/Config/varID/Quenta.csv"));
   ASSERT_TRUE(Connect());
   const Place gateway{0, 2}, password{2, 3};
   const struct {
@@ -413,7 +401,7 @@ TEST_F(ManagerWriting, AnAddressChangeCarriesTheSensorsMacByteForByte) {
 
 TEST_F(ManagerWriting, TheJournalAsksForTheSerialNumberOnlyWhenThisConnectionDidNotReadIt) {
   std::filesystem::remove_all(quarn::journal::DefaultDirectory());
-  Load("Quenta", ShippedTable("Quenta"));
+  Load("Quenta", vktest::FileText(VARKEL_SOURCE_DIR "/Config/varID/Quenta.csv"));
   ASSERT_TRUE(sim_->SetValue("SN", "QT26J00417"));  // not the table's default
   const auto change = [&](const std::string& gateway) {
     Edit({0, 2}, gateway, 1);
