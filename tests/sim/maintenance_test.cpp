@@ -94,7 +94,8 @@ TEST(SimLogs, EachLogAndOperationLogPartHasItsOwnBodyAndOtherSelectorsAreRefused
   sim->SetLogSize(70001);  // an odd size, so the last line is cut short
   EXPECT_EQ(sim->LogNames(), (std::vector<std::string>{"Operation Log", "Fault Log", "Event Log"}));
   std::vector<std::pair<std::string, std::vector<uint8_t>>> bodies;
-  for (const char* name : {"Fault Log", "Event Log"}) bodies.emplace_back(std::string(name) + " #1", *sim->LogBody(name));
+  for (const char* name : {"Fault Log", "Event Log"})
+    bodies.emplace_back(std::string(name) + " #1", *sim->LogBody(name));
   const std::pair<uint16_t, const char*> parts[] = {
       {0x0000, "bsw_warning"}, {0x0001, "asw_warning"}, {0x0100, "bsw_error"}, {0x0101, "asw_error"}};
   for (const auto& [selector, part] : parts)
