@@ -16,8 +16,8 @@
 
 #include "commands.h"
 #include "listening.h"
-#include "wait_until.h"
 #include "virtual_lidar.h"
+#include "wait_until.h"
 
 namespace varkel::cli::testing {
 
@@ -41,18 +41,30 @@ class CliTest : public ::testing::Test {
     ::unsetenv("XDG_CONFIG_HOME");
     // The change journal of every run goes to the private home, never the user's.
     ::setenv("XDG_DATA_HOME", (home_ + "/data").c_str(), 1);
+    sim_ = Started(Options());
+    ASSERT_NE(sim_, nullptr);
+  }
+  void TearDown() override {
+    if (sim_) sim_->Stop();
+    fs::remove_all(home_);
+  }
+
+  // A sensor of `model` from the shipped tables on an ephemeral loopback port, its values still.
+  static varkel::sim::SimOptions Options(const std::string& model = "Quenta") {
     varkel::sim::SimOptions o;
-    o.model = "Quenta";
+    o.model = model;
     o.config_dir = kTables;
     o.port = 0;
     o.live_values = false;
-    sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    ASSERT_TRUE(sim_->Start(&error)) << error;
+    return o;
   }
-  void TearDown() override {
-    sim_->Stop();
-    fs::remove_all(home_);
+  // The virtual lidar started with `o`; null, with the reason as a failure, when it does not start.
+  static std::unique_ptr<varkel::sim::VirtualLidar> Started(const varkel::sim::SimOptions& o) {
+    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
+    std::string error;
+    if (sim->Start(&error)) return sim;
+    ADD_FAILURE() << error;
+    return nullptr;
   }
 
   // The command with the connection to the virtual lidar and the shipped tables.

@@ -94,12 +94,8 @@ class FleetTest : public CliTest {
  protected:
   void SetUp() override {
     CliTest::SetUp();
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
+    varkel::sim::SimOptions o = Options();
     o.host = "127.0.0.2";
-    o.port = 0;
-    o.live_values = false;
     o.restart_delay_ms = 100;
     fleet_ = std::make_unique<varkel::sim::VirtualFleet>(o, 4);
     std::string error;

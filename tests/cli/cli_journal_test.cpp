@@ -13,6 +13,7 @@
 
 #include "change_journal.h"
 #include "cli_fixture.h"
+#include "file_text.h"
 #include "run_program.h"
 
 namespace {
@@ -52,16 +53,11 @@ TEST_F(CliJournalTest, ChangesLeaveOneLineEachWithTheirOutcome) {
   const Json all = Journal();
   ASSERT_EQ(all.size(), 3u) << all.dump(2);
   const Json& set = all[0];
-  EXPECT_EQ(set["program"], "varkel-cli");
-  EXPECT_EQ(set["host"], "127.0.0.1");
-  EXPECT_EQ(set["model"], "Quenta");
-  EXPECT_EQ(set["serial"], "QT26J00417");
-  EXPECT_EQ(set["what"], "set");
-  EXPECT_EQ(set["name"], "Noise Filter Level");
-  EXPECT_EQ(set["id"], "8-4");
+  const Json expected = Json::parse(
+      R"({"program": "varkel-cli", "host": "127.0.0.1", "model": "Quenta", "serial": "QT26J00417", "what": "set",)"
+      R"( "name": "Noise Filter Level", "id": "8-4", "new": "7", "outcome": "ok"})");
+  for (const auto& [key, value] : expected.items()) EXPECT_EQ(set[key], value) << key;
   EXPECT_EQ(set["old"], before);
-  EXPECT_EQ(set["new"], "7");
-  EXPECT_EQ(set["outcome"], "ok");
   EXPECT_FALSE(set.contains("code"));
   EXPECT_EQ(all[1]["old"], "7");
   EXPECT_EQ(all[1]["outcome"], "refused");
@@ -139,8 +135,7 @@ TEST_F(CliJournalTest, BundleHoldsWhatItListsAndNothingHalfWritten) {
 
   std::string out;
   ASSERT_EQ(varkel::RunProgram({"tar", "-xzf", File("plain.tar.gz"), "settings.ini"}, home_, 30000, &out), 0);
-  std::ifstream extracted(File("settings.ini"));
-  const std::string text{std::istreambuf_iterator<char>(extracted), {}};
+  const std::string text = vktest::FileText(File("settings.ini"));
   EXPECT_EQ(text.find("hunter2"), std::string::npos);
   EXPECT_NE(text.find("device_ip_address=127.0.0.1"), std::string::npos);
 

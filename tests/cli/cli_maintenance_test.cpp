@@ -5,13 +5,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "cli_fixture.h"
+#include "file_text.h"
 
 namespace {
 
@@ -19,11 +19,6 @@ using namespace varkel::cli::testing;
 using Json = nlohmann::json;
 
 class CliMaintenanceTest : public CliTest {};
-
-std::vector<uint8_t> ReadBytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
 
 // The one file in `dir` whose name starts with `prefix`, or "" when there is not exactly one.
 fs::path OnlyFile(const fs::path& dir, const std::string& prefix) {
@@ -50,19 +45,14 @@ TEST_F(CliMaintenanceTest, ConsoleSendsTheTypedBytesAndShowsTheWholeReply) {
   EXPECT_EQ(write.out.rfind("header   ", 0), 0u) << write.out;
 
   // KTC 2.0 has a 12-byte header; the payload is the same.
-  varkel::sim::SimOptions o;
-  o.config_dir = kTables;
-  o.port = 0;
+  varkel::sim::SimOptions o = Options();
   o.ktc_version = 2;
-  o.live_values = false;
-  varkel::sim::VirtualLidar v2(o);
-  std::string error;
-  ASSERT_TRUE(v2.Start(&error)) << error;
-  Result wide = Run({"--json", "--port", std::to_string(v2.port()), "--ktc-version", "2", "console", "30"});
+  auto v2 = Started(o);
+  ASSERT_NE(v2, nullptr);
+  Result wide = Run({"--json", "--port", std::to_string(v2->port()), "--ktc-version", "2", "console", "30"});
   ASSERT_EQ(wide.status, 0) << wide.err;
   EXPECT_EQ(Json::parse(wide.out)["header"].get<std::string>().size(), 12u * 3 - 1);
   EXPECT_EQ(Json::parse(wide.out)["payload"], "02 58 00 00 00 00 00 00");
-  v2.Stop();
 
   // A log is longer than the window's 1024 shown bytes; the command line shows all of it.
   sim_->SetLogSize(3000);
@@ -70,6 +60,7 @@ TEST_F(CliMaintenanceTest, ConsoleSendsTheTypedBytesAndShowsTheWholeReply) {
   ASSERT_EQ(log.status, 0) << log.err;
   EXPECT_EQ(Json::parse(log.out)["payload_bytes"], 3000);
 
+  // Each way the command line words a refusal; what the parser refuses is the controller's tests'.
   const struct {
     std::vector<std::string> args;
     int status;
@@ -77,9 +68,7 @@ TEST_F(CliMaintenanceTest, ConsoleSendsTheTypedBytesAndShowsTheWholeReply) {
   } refused[] = {
       {{"console", "1g"}, 2, "malformed command '1g': not a hexadecimal byte"},
       {{"console", "0x100"}, 2, "malformed command '0x100': above 0xFF"},
-      {{"console", "0x"}, 2, "malformed command '0x'"},
       {{"console", "31", "04  B0"}, 2, "malformed payload '04  B0'"},
-      {{"console", "31", "04", "0x"}, 2, "malformed payload"},
       {{"console", "31", "1FF"}, 2, "above 0xFF"},
       {{"console", "61", "07"}, 3, "command 0x61 failed, return code 4"},
       {{"console", "EE"}, 3, "command 0xEE failed, return code 1"},
@@ -143,7 +132,7 @@ TEST_F(CliMaintenanceTest, LogsLandInTheFolderWholeAndTheOperationLogAsATarArchi
     const fs::path file = OnlyFile(dir, std::string(name) + "_");
     ASSERT_FALSE(file.empty()) << name;
     EXPECT_EQ(file.extension(), ".bin");
-    EXPECT_EQ(ReadBytes(file), *sim_->LogBody(name)) << name;
+    EXPECT_EQ(vktest::FileBytes(file), *sim_->LogBody(name)) << name;
   }
 
   Result op = Run({"--json", "logs", dir, "--operation"});
@@ -163,7 +152,7 @@ TEST_F(CliMaintenanceTest, LogsLandInTheFolderWholeAndTheOperationLogAsATarArchi
   for (const auto& part : parts) {
     const fs::path file = OnlyFile(out, part.prefix);
     ASSERT_FALSE(file.empty()) << part.prefix;
-    EXPECT_EQ(ReadBytes(file), *sim_->LogBody("Operation Log", part.selector)) << part.prefix;
+    EXPECT_EQ(vktest::FileBytes(file), *sim_->LogBody("Operation Log", part.selector)) << part.prefix;
   }
 
   // A log the sensor refuses fails the command, naming it; the others still arrive.

@@ -8,13 +8,13 @@
 
 #include <csignal>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "cli_fixture.h"
+#include "file_text.h"
 
 namespace {
 
@@ -24,11 +24,6 @@ using varkel::sim::FailureMode;
 
 bool Says(const std::string& text, const std::string& what) {
   return text.find(what) != std::string::npos;
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 TEST_F(CliTest, ARestoreThatStopsSaysHowFarItCameAndCanRollBack) {
@@ -118,14 +113,9 @@ TEST_F(CliTest, RestoreMatchesByIdAndNameAndSaysWhatItSkips) {
 
 TEST_F(CliTest, ABackupOfAnotherModelNeedsOtherModelAndLandsOnlyOnTheSameRows) {
   ASSERT_EQ(Run({"backup", File("quenta.json")}).status, 0);
-  varkel::sim::SimOptions o;
-  o.model = "Quenta-Lite";
-  o.config_dir = kTables;
-  o.port = 0;
-  o.live_values = false;
-  varkel::sim::VirtualLidar lite(o);
-  std::string error;
-  ASSERT_TRUE(lite.Start(&error)) << error;
+  auto started = Started(Options("Quenta-Lite"));
+  ASSERT_NE(started, nullptr);
+  varkel::sim::VirtualLidar& lite = *started;
   const std::string ip = lite.Value("IP Address");
   auto restore = [&](std::vector<std::string> flags) {
     std::vector<std::string> args{"--model", "Quenta-Lite", "--port",           std::to_string(lite.port()),
@@ -149,12 +139,11 @@ TEST_F(CliTest, ABackupOfAnotherModelNeedsOtherModelAndLandsOnlyOnTheSameRows) {
   EXPECT_TRUE(skipped) << r.out;
   EXPECT_EQ(lite.Value("IP Address"), ip);
   EXPECT_EQ(lite.CommandCount(0x21), 0u);
-  lite.Stop();
 }
 
 TEST_F(CliTest, ABackupThatCannotBeWrittenLeavesTheEarlierOneWhole) {
   ASSERT_EQ(Run({"backup", File("b.json")}).status, 0);
-  const std::string earlier = Slurp(File("b.json"));
+  const std::string earlier = vktest::FileText(File("b.json"));
   ASSERT_GT(earlier.size(), 1024u);
   // A size limit cuts the write off part-way, root or not.
   std::signal(SIGXFSZ, SIG_IGN);
@@ -167,7 +156,7 @@ TEST_F(CliTest, ABackupThatCannotBeWrittenLeavesTheEarlierOneWhole) {
   ::setrlimit(RLIMIT_FSIZE, &saved);
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err, "varkel-cli: cannot write " + File("b.json") + ": File too large\n");
-  EXPECT_EQ(Slurp(File("b.json")), earlier);
+  EXPECT_EQ(vktest::FileText(File("b.json")), earlier);
   EXPECT_EQ(std::distance(fs::directory_iterator(home_), {}), 1);
 }
 

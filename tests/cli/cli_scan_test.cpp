@@ -3,18 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
+#include <future>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "../libquarn/KtcClient/test_support.h"
 #include "cli_fixture.h"
 #include "test_certificates.h"
 
@@ -25,70 +19,19 @@ using Json = nlohmann::json;
 
 class CliScanTest : public CliTest {};
 
-// A loopback listening socket on a free port; `reply` (when not empty) is written to each
-// connection as soon as it is accepted, and anything it sends is never answered otherwise.
-class Listener {
- public:
-  explicit Listener(std::string reply = "") : reply_(std::move(reply)) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(address);
-    EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_EQ(::listen(fd_, 16), 0);
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &len);
-    port_ = ntohs(address.sin_port);
-    if (!reply_.empty())
-      thread_ = std::thread([this] {
-        while (true) {
-          const int c = ::accept(fd_, nullptr, nullptr);
-          if (c < 0 || stop_) {
-            if (c >= 0) ::close(c);
-            return;
-          }
-          (void)!::write(c, reply_.data(), reply_.size());
-          accepted_.push_back(c);
-        }
-      });
-  }
-  ~Listener() {
-    stop_ = true;
-    ::shutdown(fd_, SHUT_RDWR);
-    if (thread_.joinable()) thread_.join();
-    ::close(fd_);
-    for (int c : accepted_) ::close(c);
-  }
-  uint16_t port() const { return port_; }
-
- private:
-  std::string reply_;
-  int fd_ = -1;
-  uint16_t port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-  std::vector<int> accepted_;
-};
-
-// A port nothing listens on: bound for a moment, then let go.
-uint16_t ClosedPort() {
-  Listener gone;
-  return gone.port();
-}
-
 TEST_F(CliScanTest, ScanTellsSensorsFromClosedSilentAndForeignPorts) {
-  varkel::sim::SimOptions o;
-  o.model = "Quenta";
-  o.config_dir = kTables;
-  o.port = 0;
+  varkel::sim::SimOptions o = Options();
   o.ktc_version = 2;
-  o.live_values = false;
-  varkel::sim::VirtualLidar v2(o);
-  std::string error;
-  ASSERT_TRUE(v2.Start(&error)) << error;
-  Listener silent;
-  Listener foreign("HTTP/1.0 400 Bad Request\r\n\r\n");
-  const uint16_t closed = ClosedPort();
+  auto started = Started(o);
+  ASSERT_NE(started, nullptr);
+  varkel::sim::VirtualLidar& v2 = *started;
+  // A listener that never answers, and one that answers something else at once.
+  ktc_test::ScriptedPeer silent, foreign;
+  auto answered = std::async(std::launch::async, [&] {
+    const std::string http = "HTTP/1.0 400 Bad Request\r\n\r\n";
+    return foreign.Accept() && foreign.Write({http.begin(), http.end()});
+  });
+  const uint16_t closed = vktest::FreePort(SOCK_STREAM);
 
   const std::string ports = std::to_string(sim_->port()) + "," + std::to_string(v2.port()) + "," +
                             std::to_string(closed) + "," + std::to_string(silent.port()) + "," +
@@ -118,13 +61,13 @@ TEST_F(CliScanTest, ScanTellsSensorsFromClosedSilentAndForeignPorts) {
                            {"port", foreign.port()},
                            {"status", "not KTC"},
                            {"detail", "answered 48 54 54 50 2F 31 2E 30"}}));
+  EXPECT_TRUE(answered.get());
 
   // Nothing answering is a failure a script can test for.
   Result none = Run({"--timeout", "300", "scan", "127.0.0.1", "--ports", std::to_string(closed)}, false);
   EXPECT_EQ(none.status, 3);
   EXPECT_NE(none.out.find("127.0.0.1:" + std::to_string(closed) + "  refused"), std::string::npos) << none.out;
   EXPECT_EQ(none.err, "varkel-cli: no address of 127.0.0.1 answers KTC\n");
-  v2.Stop();
 }
 
 TEST_F(CliScanTest, ScanRefusesWideNetworksAndBadPortsBeforeSendingAnything) {

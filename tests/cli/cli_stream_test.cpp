@@ -25,16 +25,11 @@ class CliStreamTest : public CliTest {
     CliTest::SetUp();
     sim_->Stop();
     data_port_ = vktest::FreeUdpPort();
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
+    varkel::sim::SimOptions o = Options();
     o.udp_target = "127.0.0.1:" + std::to_string(data_port_);
     o.udp_rate = 200;
-    sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    ASSERT_TRUE(sim_->Start(&error)) << error;
+    sim_ = Started(o);
+    ASSERT_NE(sim_, nullptr);
   }
   uint16_t data_port_ = 0;
 };

@@ -91,37 +91,18 @@ TEST_F(CliTest, SetSendsTheWholePayloadWithTheUntouchedFieldsPresentValues) {
 TEST_F(CliTest, GetIsOneQueryPerGroupAndItsJsonIsStable) {
   Result all = Run({"get"});
   ASSERT_EQ(all.status, 0) << all.err;
-  EXPECT_EQ(sim_->CommandCount(0x38), 1u);  // four temperatures, one query
-  EXPECT_EQ(sim_->CommandCount(0x13), 1u);  // SN, PN, model, date
+  EXPECT_EQ(sim_->CommandCount(0x38), 1u);           // four temperatures, one query
+  EXPECT_EQ(sim_->CommandCount(0x13), 1u);           // SN, PN, model, date
+  ASSERT_TRUE(sim_->SetValue("Spin Rate", "1200"));  // not the table's default
   Result some = Run({"--json", "get", "Spin Rate", "4-1", "Min Range"});
   ASSERT_EQ(some.status, 0);
-  EXPECT_EQ(some.out, R"([
-  {
-    "id": "7-1",
-    "name": "Spin Rate",
-    "type": "uint16",
-    "value": "600",
-    "writable": true,
-    "unit": "rpm"
-  },
-  {
-    "id": "4-1",
-    "name": "IP Address",
-    "type": "IP",
-    "value": "192.168.1.201",
-    "writable": true,
-    "unit": ""
-  },
-  {
-    "id": "8-2",
-    "name": "Min Range",
-    "type": "uint16",
-    "value": "0.10",
-    "writable": true,
-    "unit": "m"
-  }
-]
-)");
+  // Keys in this order, indented by two.
+  const auto shown = nlohmann::ordered_json::parse(some.out);
+  EXPECT_EQ(some.out, shown.dump(2) + "\n");
+  EXPECT_EQ(shown.dump(),
+            R"([{"id":"7-1","name":"Spin Rate","type":"uint16","value":"1200","writable":true,"unit":"rpm"},)"
+            R"({"id":"4-1","name":"IP Address","type":"IP","value":"192.168.1.201","writable":true,"unit":""},)"
+            R"({"id":"8-2","name":"Min Range","type":"uint16","value":"0.10","writable":true,"unit":"m"}])");
 }
 
 TEST_F(CliTest, BadInputIsRefusedWithOneLineNamingIt) {

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -12,6 +11,7 @@
 
 #include "../sim/sim_test_support.h"
 #include "cli_fixture.h"
+#include "file_text.h"
 #include "wait_until.h"
 
 namespace {
@@ -27,10 +27,7 @@ std::vector<std::string> Lines(const std::string& text) {
 }
 
 std::vector<std::string> FileLines(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return Lines(s.str());
+  return Lines(vktest::FileText(path));
 }
 
 class WatchTest : public CliTest {
@@ -38,15 +35,10 @@ class WatchTest : public CliTest {
   // The motor pushed far past its normal speed from the moment the lidar listens.
   void StartWithExcursion() {
     sim_->Stop();
-    varkel::sim::SimOptions o;
-    o.model = "Quenta";
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
+    varkel::sim::SimOptions o = Options();
     o.excursions = {{"Motor Speed", 60000, 60}};
-    sim_ = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    ASSERT_TRUE(sim_->Start(&error)) << error;
+    sim_ = Started(o);
+    ASSERT_NE(sim_, nullptr);
   }
 };
 

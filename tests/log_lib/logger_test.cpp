@@ -4,36 +4,17 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "file_text.h"
+#include "log_capture.h"
 #include "wait_until.h"
 
 namespace {
 
-class Capture {
- public:
-  Capture() {
-    id_ = Logger::GetInstance().AddObserver([this](const LogRecord& r) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      records_.push_back(r);
-    });
-  }
-  ~Capture() { Logger::GetInstance().RemoveObserver(id_); }
-  std::vector<LogRecord> Records() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return records_;
-  }
-
- private:
-  int id_;
-  std::mutex mutex_;
-  std::vector<LogRecord> records_;
-};
+using Capture = vktest::LogCapture;
 
 TEST(Logger, FormatsAndFillsSourceLocation) {
   Capture cap;
@@ -84,8 +65,7 @@ TEST(Logger, ConcurrentWritersLoseNothing) {
 }
 
 std::string LogFileText() {
-  std::ifstream in(Logger::GetInstance().LogDirectory() + "/varkel.log");
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return vktest::FileText(Logger::GetInstance().LogDirectory() + "/varkel.log");
 }
 
 TEST(Logger, BatchedLinesKeepTheirOrderAroundWarningsAndReachTheFileUnasked) {

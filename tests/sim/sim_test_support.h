@@ -54,11 +54,13 @@ inline std::unique_ptr<quarn::lidar::KtcClient> Connect(uint16_t port, int versi
   return c;
 }
 
-// A plain TCP connection to 127.0.0.1:port whose reads give up after 10 s; -1 on failure.
-inline int ConnectRaw(uint16_t port) {
+// A plain TCP connection to 127.0.0.1:port whose reads give up after 10 s, with a receive
+// buffer of `window` bytes when given; -1 on failure.
+inline int ConnectRaw(uint16_t port, int window = 0) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   const timeval limit{10, 0};
   ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  if (window > 0) ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof(window));
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_port = htons(port);

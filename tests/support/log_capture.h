@@ -46,6 +46,10 @@ class LogCapture {
   int Errors() const {
     return CountIf([](const LogRecord& r) { return r.level >= kLogError; });
   }
+  std::vector<LogRecord> Records() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return records_;
+  }
 
  private:
   int id_ = 0;

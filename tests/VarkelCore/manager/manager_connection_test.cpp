@@ -25,8 +25,6 @@ using Trace = std::vector<std::string>;
 
 namespace {
 
-const char kNetworkFailure[] = "Connection Failed. Please check your network settings.";
-
 class ManagerConnection : public vktest::ManagerTest {
  protected:
   // A failed attempt sends its notice, then its log line, then clears the flag; the
@@ -105,7 +103,7 @@ TEST_F(ManagerConnection, ALidarAnsweringNothingFailsAndBlocksASecondAttempt) {
 
   ASSERT_TRUE(AttemptOver());
   const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(m_->getErrorMessage(), kNetworkFailure);
+  EXPECT_EQ(m_->getErrorMessage(), vktest::kConnectFailed);
   EXPECT_TRUE(log_->Has("ERROR: Connection Error: Lidar has No KTC reply."));
   for (const char* line : {"VarkelManager::Init(): try to connect to lidar with TCP connection.\n",
                            "DEBUG: heckLidarConnection() == false\n", "VarkelManager::Init(): init lidar error\n"})
@@ -122,7 +120,7 @@ TEST_F(ManagerConnection, ClosedAndNonNumericPortsFail) {
     ASSERT_TRUE(m_->ConnectLidar());
     ASSERT_TRUE(AttemptOver());
     EXPECT_TRUE(log_->Has(std::string("ERROR: Connection Error: ") + reason));
-    EXPECT_EQ(m_->getErrorMessage(), kNetworkFailure);
+    EXPECT_EQ(m_->getErrorMessage(), vktest::kConnectFailed);
     EXPECT_FALSE(m_->getIsConnected());
     log_->Clear();
     m_->setProperty("port", "ktc");

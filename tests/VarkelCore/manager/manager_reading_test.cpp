@@ -7,8 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <algorithm>
 
+#include "log_capture.h"
 #include "logger.h"
 #include "manager_test_support.h"
 
@@ -191,19 +192,16 @@ TEST_F(ManagerReading, CuttingFaultsLeaveTheValue) {
   std::vector<uint8_t> slice;
   const std::vector<uint8_t> reply{10, 0, 0, 1, 1, 2, 3, 4, 5, 0x23, 0x28};
 
-  std::mutex mu;  // the logging facade's error records
-  std::vector<LogRecord> records;
-  const int observer = Logger::GetInstance().AddObserver([&](const LogRecord& r) {
-    std::lock_guard<std::mutex> lock(mu);
-    if (r.level == kLogError) records.push_back(r);
-  });
+  vktest::LogCapture errors;  // the logging facade's records
   EXPECT_TRUE(m_->updateSingleVarFromOutput(ip, "0x02", reply, slice, false));
   EXPECT_EQ(ip->current_val, "10.0.0.1");
   EXPECT_FALSE(m_->updateSingleVarFromOutput(mac, "0x02", reply, slice, false));
   EXPECT_EQ(mac->current_val, "");
   EXPECT_FALSE(m_->updateSingleVarFromOutput(level, "0x05", {0, 7}, slice, false));  // Level lies behind Mode
   Logger::GetInstance().Flush();
-  Logger::GetInstance().RemoveObserver(observer);
+  std::vector<LogRecord> records = errors.Records();
+  records.erase(std::remove_if(records.begin(), records.end(), [](const LogRecord& r) { return r.level != kLogError; }),
+                records.end());
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].message, "MAC address size is less than 6, please check your config file");
   EXPECT_NE(records[0].function.find("VarkelManager::updateSingleVarFromOutput"), std::string::npos);

@@ -4,10 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "config_parser.h"
+#include "file_text.h"
 #include "journal.h"
 #include "journal_history.h"
 #include "manager_test_support.h"
@@ -39,8 +38,7 @@ const std::string kWrita = vktest::kTableHeader +
 struct Place {
   int group, row;
 };
-constexpr Place kPort{0, 1}, kIp{0, 0}, kSpeed{1, 0}, kGain{1, 1}, kOffset{1, 2}, kMode{1, 3}, kLevel{1, 5},
-    kOrphan{1, 6}, kFov{2, 0};
+constexpr Place kIp{0, 0}, kSpeed{1, 0}, kGain{1, 1}, kMode{1, 3}, kLevel{1, 5}, kOrphan{1, 6}, kFov{2, 0};
 
 class ManagerWriting : public vktest::ManagerTest {
  protected:
@@ -181,6 +179,7 @@ TEST_F(ManagerWriting, RunRefusesWhileBusyOrDisconnectedAndSendsNothing) {
 
 TEST_F(ManagerWriting, EveryRefusedValueReachesTheUserAndNothingIsSent) {
   ASSERT_TRUE(Connect());
+  // One row per way a value is refused; each codec's own refusals are the codec tests'.
   const struct {
     Place place;
     int module;
@@ -190,11 +189,8 @@ TEST_F(ManagerWriting, EveryRefusedValueReachesTheUserAndNothingIsSent) {
   } cases[] = {
       {kSpeed, 0, "", 0x25, "Unknown error with this var: It has no current_val. var_name = Speed"},
       {kSpeed, 0, "fast", 0x25, "UintParser: contains an illegal number, error:fast"},
-      {kGain, 0, "300.5", 0x25, "UintParser: contains an illegal number, error:300.5"},
       {kSpeed, 0, "1e40", 0x25, "UintParser: stof() failed, error:stof argument out of range"},
-      {kOffset, 0, "40000", 0x25, "IntParser: contains an illegal number, error:40000"},
       {kIp, 0, "192.168.1", 0x21, "IPv4Parser: ip address, wrong format."},
-      {kIp, 0, "192.168.1.256", 0x21, "IPv4Parser: contains an illegal number"},
       {{0, 0}, 1, "1", 0x27, "Error with var type"},
       {{0, 1}, 1, "5", 0x28, kSetWithoutGet},
   };
@@ -364,21 +360,10 @@ TEST_F(ManagerWriting, TableCommandTextsAreReadWithAutomaticBase) {
   EXPECT_EQ(sim_->Value("Octal"), "9");
 }
 
-namespace {
-
-std::string ShippedTable(const std::string& model) {
-  std::ifstream in(std::string(VARKEL_SOURCE_DIR) + "/Config/varID/" + model + ".csv");
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-}  // namespace
-
 TEST_F(ManagerWriting, AnAddressChangeCarriesTheSensorsMacByteForByte) {
   // The MAC is shown in hexadecimal and typed in decimal: through its text, a MAC with
   // digits only would be rewritten and one with letters refused.
-  Load("Quenta", ShippedTable("Quenta"));
+  Load("Quenta", vktest::FileText(VARKEL_SOURCE_DIR "/Config/varID/Quenta.csv"));
   ASSERT_TRUE(Connect());
   const Place gateway{0, 2}, password{2, 3};
   const struct {
@@ -416,7 +401,7 @@ TEST_F(ManagerWriting, AnAddressChangeCarriesTheSensorsMacByteForByte) {
 
 TEST_F(ManagerWriting, TheJournalAsksForTheSerialNumberOnlyWhenThisConnectionDidNotReadIt) {
   std::filesystem::remove_all(quarn::journal::DefaultDirectory());
-  Load("Quenta", ShippedTable("Quenta"));
+  Load("Quenta", vktest::FileText(VARKEL_SOURCE_DIR "/Config/varID/Quenta.csv"));
   ASSERT_TRUE(sim_->SetValue("SN", "QT26J00417"));  // not the table's default
   const auto change = [&](const std::string& gateway) {
     Edit({0, 2}, gateway, 1);

@@ -100,16 +100,23 @@ Item {
             compare(tabs.currentIndex, 0);
             verify(logLines().indexOf("INFO Current selected model is Quenta-Lite") >= 0);
 
-            // The small sensors get their own page instead of the table's; a serial one asks
-            // for the serial ports instead of the address.
+            // The small sensors get their own page instead of the table's, and neither the
+            // maintenance menu nor the log downloads; a serial one asks for the serial ports
+            // instead of the address.
+            var menuButton = child("maintenanceButton");
             selectModelNamed("Zelto-KTC");
-            verify(!tabs.visible && child("zeltoPage").visible);
+            compare(vm.connectType, 2);
+            verify(!tabs.visible && child("zeltoPage").visible && !menuButton.visible);
+            // The tab bar is hidden for them; the log page's rows still follow the table.
+            tabs.currentIndex = tabs.titles.indexOf("Log");
+            verify(!child("logRow_Operation Log").visible);
+            compare(findChild(ui, "logRow_Fault Log"), null);
             selectModelNamed("Zelto");
             compare(vm.connectType, 1);
-            verify(!tabs.visible && child("zeltoPage").visible);
+            verify(!tabs.visible && child("zeltoPage").visible && !menuButton.visible);
             verify(child("rs485Field").visible && child("uartField").visible && !child("ipField").visible);
             selectModelNamed("Quenta");
-            verify(tabs.visible && !child("zeltoPage").visible);
+            verify(tabs.visible && !child("zeltoPage").visible && menuButton.visible);
         }
 
         function test_connect_and_disconnect_drive_light_and_button() {
@@ -291,14 +298,12 @@ Item {
             vm.setErrorMsg("Set Failed: something");
             vm.setErrorMsg("second");  // waits for the first to be closed
             verify(err.visible);
-            compare(err.message, "Set Failed: something");
-            compare(vm.errorMessage, "");
+            compare([err.message, vm.errorMessage], ["Set Failed: something", ""]);
             err.close();
             tryVerify(() => err.visible && err.message === "second", 20000, "second error not shown");
             vm.setSuccessMsg("Done");
             verify(child("successInfoWindow").visible);
-            compare(child("successInfoWindow").message, "Done");
-            compare(vm.successMessage, "");
+            compare([child("successInfoWindow").message, vm.successMessage], ["Done", ""]);
             var ask = child("messageWindow");
             ui.callMessageWindow("Just so you know");
             verify(ask.visible && !ask.asks && ui.pendingSavePage === -1);
@@ -354,28 +359,22 @@ Item {
             typeText(code, "0x07");
             mouseClick(child("commandSendButton"));
             compare(harness.commandCount(7), 1);
-            compare(child("returnHeaderText").text, "47 74 07 00 00 00 00 00");
-            compare(child("returnPayloadText").text, "");
-            var row = child("historyRow_0");
-            compare(row.codeText, "07");
-            compare(row.payloadText, "");
+            compare([child("returnHeaderText").text, child("returnPayloadText").text], ["47 74 07 00 00 00 00 00", ""]);
+            compare([child("historyRow_0").codeText, child("historyRow_0").payloadText], ["07", ""]);
 
             typeText(code, "8");
             typeText(payload, "0x01 02");
             keyClick(Qt.Key_Return);  // Enter sends too
             compare(harness.commandCount(8), 1);
-            compare(child("historyRow_0").codeText, "8");
-            compare(child("historyRow_0").payloadText, "01 02");
+            compare([child("historyRow_0").codeText, child("historyRow_0").payloadText], ["8", "01 02"]);
 
             // The older row, second from the top, fills both fields again.
             code.text = "";
             payload.text = "ff";
             mouseClick(child("historyRow_1"));
-            compare(code.text, "07");
-            compare(payload.text, "");
+            compare([code.text, payload.text], ["07", ""]);
             mouseClick(child("historyRow_0"));
-            compare(code.text, "8");
-            compare(payload.text, "01 02");
+            compare([code.text, payload.text], ["8", "01 02"]);
         }
 
         function test_restart_menu_and_log_rows_follow_the_table() {
@@ -386,8 +385,7 @@ Item {
             tryCompare(menu, "opened", true, 20000);
             compare(child("restartEntry").text, "Restart");
             compare(child("resetEntry").text, "Reset All Settings");
-            compare(child("restartEntry").height, 42);
-            compare(child("resetEntry").height, 42);
+            compare([child("restartEntry").height, child("resetEntry").height], [42, 42]);
             verify(!child("restartEntry").enabled, "maintenance offered while disconnected");
             menu.close();
 
@@ -406,19 +404,6 @@ Item {
             verify(child("logRow_Operation Log").visible);
             verify(findChild(ui, "logRow_Fault Log") !== null && findChild(ui, "logRow_Event Log") !== null);
             verify(!findChild(child("logRow_Fault Log"), "downloadButton").enabled, "download offered while disconnected");
-
-            // Network connections only: neither the menu nor the downloads for the small sensors.
-            selectModelNamed("Zelto-KTC");
-            compare(vm.connectType, 2);
-            verify(!menuButton.visible);
-            // The tab bar is hidden for them; the log page's rows still follow the table.
-            tabs.currentIndex = tabs.titles.indexOf("Log");
-            verify(!child("logRow_Operation Log").visible);
-            compare(findChild(ui, "logRow_Fault Log"), null);
-            selectModelNamed("Zelto");
-            verify(!menuButton.visible);
-            selectModelNamed("Quenta");
-            verify(menuButton.visible);
         }
     
         function test_reset_after_agreement_and_a_log_download_from_its_row() {

@@ -8,9 +8,9 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
+
+#include "file_text.h"
 
 namespace {
 
@@ -24,12 +24,6 @@ class AtomicFile : public ::testing::Test {
     dir_ = dir;
   }
   void TearDown() override { fs::remove_all(dir_); }
-  std::string Read(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
   size_t Entries() { return static_cast<size_t>(std::distance(fs::directory_iterator(dir_), {})); }
   std::string dir_;
 };
@@ -40,7 +34,7 @@ TEST_F(AtomicFile, ReplacesWholeAndKeepsThePermissions) {
   ASSERT_TRUE(quarn::WriteFileAtomically(path, std::string("first, and longer"), &error)) << error;
   ::chmod(path.c_str(), 0640);
   ASSERT_TRUE(quarn::WriteFileAtomically(path, std::string("second"), &error)) << error;
-  EXPECT_EQ(Read(path), "second");
+  EXPECT_EQ(vktest::FileText(path), "second");
   struct stat st {};
   ASSERT_EQ(::stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0640u);
@@ -63,7 +57,7 @@ TEST_F(AtomicFile, AFailedWriteLeavesTheOldFileAndNoTemporary) {
   ::setrlimit(RLIMIT_FSIZE, &saved);
   EXPECT_FALSE(written);
   EXPECT_EQ(error.rfind("cannot write " + path + ": ", 0), 0u) << error;
-  EXPECT_EQ(Read(path), "the earlier backup");
+  EXPECT_EQ(vktest::FileText(path), "the earlier backup");
   EXPECT_EQ(Entries(), 1u);
 
   // A folder in the file's place is never replaced.

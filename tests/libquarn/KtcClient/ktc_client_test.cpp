@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 
+#include "hex_text.h"
 #include "platform/net.h"
 #include "tcp_client.h"
 #include "tcp_ssl_client.h"
@@ -76,13 +77,6 @@ struct Responder {
   std::vector<Bytes> frames;
   std::thread thread;
 };
-
-std::string Spaced(const Bytes& bytes) {
-  std::string out;
-  char digits[4];
-  for (uint8_t b : bytes) out.append(digits, std::snprintf(digits, sizeof(digits), "%02x ", b));
-  return out;
-}
 
 }  // namespace
 
@@ -349,8 +343,8 @@ TEST(KtcClientQuery, RepliesGiveTheirCodesResultsAndLines) {
     EXPECT_EQ(link.client->GetLastReturnCode(), r.last_code);
     EXPECT_EQ(got.result, r.result);
     if (!r.warning.empty()) EXPECT_TRUE(link.logs.Has(kLogWarning, r.warning));
-    const std::string recv = r.ret == 0 ? Spaced(r.result) : "ret_code is " + std::to_string(r.last_code);
-    EXPECT_EQ(lines, (std::vector<std::string>{"SEND: " + Spaced(request), "RECV: " + recv}));
+    const std::string recv = r.ret == 0 ? ToHexSpaced(r.result) : "ret_code is " + std::to_string(r.last_code);
+    EXPECT_EQ(lines, (std::vector<std::string>{"SEND: " + ToHexSpaced(request), "RECV: " + recv}));
     EXPECT_EQ(link.logs.CountIf([](const LogRecord& l) {
       return l.level == kLogTiming && l.message.rfind("exec time: ", 0) == 0 && l.message.back() == 's';
     }),

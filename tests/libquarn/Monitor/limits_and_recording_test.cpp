@@ -7,10 +7,9 @@
 
 #include <cmath>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "csv_recorder.h"
+#include "file_text.h"
 #include "limit_watch.h"
 
 namespace {
@@ -72,12 +71,6 @@ class Recording : public ::testing::Test {
     dir_ = dir;
   }
   void TearDown() override { fs::remove_all(dir_); }
-  static std::string Read(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
   std::string dir_;
 };
 
@@ -92,7 +85,7 @@ TEST_F(Recording, HeaderRowsEmptyCellsAndEventsReachTheFileAtOnce) {
   ASSERT_TRUE(rec.WriteEvent(t + 958, "Laser Temperature 51 °C above the high limit 50 °C"));
   ASSERT_TRUE(rec.WriteSample(t + 1000, {NAN, 7}));
   // Read while still open: nothing waits in a buffer.
-  EXPECT_EQ(Read(path),
+  EXPECT_EQ(vktest::FileText(path),
             "time,Laser Temperature [°C],Frame Counter,\"Odd, \"\"quoted\"\" [V]\",event\n"
             "2026-11-26T02:30:05.042Z,38.47,1234567890123,,\n"
             "2026-11-26T02:30:06.000Z,,,,Laser Temperature 51 °C above the high limit 50 °C\n"
