@@ -183,7 +183,8 @@ SSL_CTX* VerifiedTlsClient::MakeContext(const char* cert, const char* private_ke
   } else if (SSL_CTX_set_default_verify_paths(ctx) != 1) {
     return fail("cannot read the system's certificate store");
   }
-  if (PathGiven(cert) != PathGiven(private_key)) return fail("a client certificate needs both a certificate and a key file");
+  if (PathGiven(cert) != PathGiven(private_key))
+    return fail("a client certificate needs both a certificate and a key file");
   if (PathGiven(cert)) {
     auto own = ReadCertificate(cert);
     if (!own || SSL_CTX_use_certificate_chain_file(ctx, cert) != 1)
