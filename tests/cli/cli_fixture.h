@@ -16,6 +16,7 @@
 
 #include "commands.h"
 #include "listening.h"
+#include "sim_start.h"
 #include "virtual_lidar.h"
 #include "wait_until.h"
 
@@ -51,20 +52,10 @@ class CliTest : public ::testing::Test {
 
   // A sensor of `model` from the shipped tables on an ephemeral loopback port, its values still.
   static varkel::sim::SimOptions Options(const std::string& model = "Quenta") {
-    varkel::sim::SimOptions o;
-    o.model = model;
-    o.config_dir = kTables;
-    o.port = 0;
-    o.live_values = false;
-    return o;
+    return vktest::SimOptions(model, kTables);
   }
-  // The virtual lidar started with `o`; null, with the reason as a failure, when it does not start.
   static std::unique_ptr<varkel::sim::VirtualLidar> Started(const varkel::sim::SimOptions& o) {
-    auto sim = std::make_unique<varkel::sim::VirtualLidar>(o);
-    std::string error;
-    if (sim->Start(&error)) return sim;
-    ADD_FAILURE() << error;
-    return nullptr;
+    return vktest::StartedSim(o);
   }
 
   // The command with the connection to the virtual lidar and the shipped tables.

@@ -18,6 +18,7 @@
 
 #include "hex.h"
 #include "ktc_client.h"
+#include "sim_start.h"
 #include "virtual_lidar.h"
 #include "wait_until.h"
 
@@ -30,12 +31,7 @@ inline const std::string kShippedTableDir = std::string(VARKEL_SOURCE_DIR) + "/C
 
 // Ephemeral port and fixed values, so tests can compare exact texts.
 inline varkel::sim::SimOptions Options(const std::string& model = "SimTest", const std::string& dir = kTestDataDir) {
-  varkel::sim::SimOptions o;
-  o.model = model;
-  o.config_dir = dir;
-  o.port = 0;
-  o.live_values = false;
-  return o;
+  return vktest::SimOptions(model, dir);
 }
 
 inline std::unique_ptr<varkel::sim::VirtualLidar> StartSim(varkel::sim::SimOptions o, int ktc_version = 1) {

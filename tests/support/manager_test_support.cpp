@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include <stdexcept>
+#include "sim_start.h"
 #include "wait_until.h"
 
 namespace vktest {
@@ -183,12 +184,8 @@ void ManagerTest::TearDown() {
 
 void ManagerTest::Load(const std::string& model, const std::string& csv, bool serial) {
   WriteTable(root_, model, csv);
-  varkel::sim::SimOptions options;
-  options.model = model;
-  options.config_dir = root_ + "/Config/varID";
-  options.port = 0;
+  varkel::sim::SimOptions options = SimOptions(model, root_ + "/Config/varID");
   options.serial = serial;
-  options.live_values = false;
   sim_ = std::make_unique<varkel::sim::VirtualLidar>(options);
   std::string error;
   EXPECT_TRUE(sim_->Start(&error)) << error;

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 
+#include "sim_start.h"
 #include "virtual_lidar.h"
 
 namespace simtest {
@@ -108,11 +109,7 @@ class TestPki {
 inline std::unique_ptr<varkel::sim::VirtualLidar> StartTlsLidar(const TestPki& pki, const std::string& model,
                                                                 const std::string& config_dir, const std::string& cert,
                                                                 const std::string& client_ca = "") {
-  varkel::sim::SimOptions o;
-  o.model = model;
-  o.config_dir = config_dir;
-  o.port = 0;
-  o.live_values = false;
+  varkel::sim::SimOptions o = vktest::SimOptions(model, config_dir);
   o.tls = true;
   o.tls_cert = pki.Cert(cert);
   o.tls_key = pki.Key(cert);
